@@ -1,0 +1,77 @@
+// COS: the operating-system layer of the panel platform (directories, files,
+// the lock, disk space and clocks). The library reaches the OS only through
+// here, and PlatformSim (PlatformSim.h) can fix the clocks and disk figures.
+#ifndef PLATFORM_COS_H_
+#define PLATFORM_COS_H_
+
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <string>
+
+namespace COS {
+
+class CosDir {
+public:
+    // Non-zero when path names an existing directory.
+    static int IsDir(const std::string& path);
+    // Creates the directory and any missing parents; non-zero on success
+    // (also when it already exists).
+    static int MakeDir(const std::string& path);
+    // Appends to names the bare names of the entries directly in dir that
+    // match the shell wildcard pattern (case-sensitive), sorted by name.
+    // The int argument is kept for the panel's signature and selects nothing.
+    // Returns 0 when the directory cannot be read.
+    static int ListDir(const std::string& dir, int flags, std::string pattern,
+                       std::list<std::string>& names);
+};
+
+class CosFile {
+public:
+    // 1 when path names an existing file.
+    static int ExistFile(const std::string& path);
+    // Removes the file; non-zero on success.
+    static int Delete(const std::string& path);
+    // Size in bytes (clamped to 32 bits); non-zero on success, size left
+    // unchanged on failure.
+    static int FileSize(const std::string& path, unsigned int& size);
+};
+
+// A binary lock. Lock() waits while anyone holds it; Unlock() releases it
+// whoever holds it and does nothing when it is free. A second Lock() by the
+// holder waits forever, as a plain non-recursive mutex does on the panel.
+class CosMutex {
+public:
+    CosMutex() = default;
+    CosMutex(const CosMutex&) = delete;
+    CosMutex& operator=(const CosMutex&) = delete;
+
+    void Lock();
+    void Unlock();
+    // Takes the lock if it becomes free within timeoutMs; non-zero when taken.
+    int TryLock(unsigned int timeoutMs);
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cond;
+    bool m_bLocked = false;  // guarded by m_mutex
+};
+
+class CosOsState {
+public:
+    // Free space, in KiB, of the file system that holds path (0 when it
+    // cannot be read); the same value is stored in value.
+    static unsigned int GetDiskFreeSize(const std::string& path, unsigned int& value);
+};
+
+class CosTime {
+public:
+    // Monotonic milliseconds.
+    static unsigned long long GetTickCountCos();
+    // Wall-clock milliseconds since the Unix epoch.
+    static unsigned long long GetTimeStamp();
+};
+
+}  // namespace COS
+
+#endif  // PLATFORM_COS_H_
