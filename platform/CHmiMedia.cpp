@@ -1,0 +1,66 @@
+// CHmiMedia: the SD card and USB disk mount points. A medium is present while
+// its mount point is an existing directory.
+#include "CHmiMedia.h"
+
+#include <sys/stat.h>
+
+#include <mutex>
+
+namespace {
+
+struct MediaPaths {
+    std::mutex mutex;
+    std::string sd;     // guarded by mutex
+    std::string udisk;  // guarded by mutex
+};
+
+// Never destroyed: the store may ask for media from static destructors.
+MediaPaths& Paths() {
+    static MediaPaths* paths = new MediaPaths;
+    return *paths;
+}
+
+std::string Read(const std::string MediaPaths::*which) {
+    MediaPaths& p = Paths();
+    std::lock_guard<std::mutex> lock(p.mutex);
+    return p.*which;
+}
+
+void Write(std::string MediaPaths::*which, const std::string& path) {
+    MediaPaths& p = Paths();
+    std::lock_guard<std::mutex> lock(p.mutex);
+    p.*which = path;
+}
+
+bool Present(const std::string& path) {
+    struct stat st;
+    return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+void CHmiMedia::SetSDPath(const std::string& path) {
+    Write(&MediaPaths::sd, path);
+}
+
+void CHmiMedia::SetUdiskPath(const std::string& path) {
+    Write(&MediaPaths::udisk, path);
+}
+
+bool CHmiMedia::isSDExsit() {
+    return Present(Read(&MediaPaths::sd));
+}
+
+bool CHmiMedia::isUSBExsit() {
+    return Present(Read(&MediaPaths::udisk));
+}
+
+std::string CHmiMedia::getSDPath() {
+    std::string path = Read(&MediaPaths::sd);
+    return Present(path) ? path : std::string();
+}
+
+std::string CHmiMedia::getUdiskPath() {
+    std::string path = Read(&MediaPaths::udisk);
+    return Present(path) ? path : std::string();
+}

@@ -1,0 +1,171 @@
+// COS: directories, files, the binary lock, disk space and clocks on Linux.
+// The clocks and the disk figure can be fixed through PlatformSim.
+#include "COS.h"
+
+#include <dirent.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <vector>
+
+#include "PlatformSimInternal.h"
+
+namespace {
+
+unsigned long long ClockMs(clockid_t clock) {
+    struct timespec ts;
+    clock_gettime(clock, &ts);
+    return static_cast<unsigned long long>(ts.tv_sec) * 1000ULL +
+           static_cast<unsigned long long>(ts.tv_nsec) / 1000000ULL;
+}
+
+unsigned int ClampToUInt(unsigned long long value) {
+    return value > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(value);
+}
+
+}  // namespace
+
+namespace PlatformSimInternal {
+
+unsigned long long MonotonicMs() {
+    return ClockMs(CLOCK_MONOTONIC);
+}
+
+}  // namespace PlatformSimInternal
+
+namespace COS {
+
+// --- CosDir -------------------------------------------------------------------
+
+int CosDir::IsDir(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int CosDir::MakeDir(const std::string& path) {
+    if (path.empty()) {
+        return 0;
+    }
+    // Create each missing ancestor, as "mkdir -p" does; the mode is left to the umask.
+    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
+        std::string prefix = path.substr(0, pos);
+        if (mkdir(prefix.c_str(), 0777) != 0 && !IsDir(prefix)) {
+            return 0;
+        }
+    }
+    mkdir(path.c_str(), 0777);
+    return IsDir(path);
+}
+
+int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
+                    std::list<std::string>& names) {
+    (void)flags;  // kept for the panel's signature
+    DIR* handle = opendir(dir.c_str());
+    if (!handle) {
+        return 0;
+    }
+    std::vector<std::string> found;
+    while (struct dirent* entry = readdir(handle)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0) {
+            found.push_back(name);
+        }
+    }
+    closedir(handle);
+    std::sort(found.begin(), found.end());
+    names.insert(names.end(), found.begin(), found.end());
+    return 1;
+}
+
+// --- CosFile ------------------------------------------------------------------
+
+int CosFile::ExistFile(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+}
+
+int CosFile::Delete(const std::string& path) {
+    return unlink(path.c_str()) == 0;
+}
+
+int CosFile::FileSize(const std::string& path, unsigned int& size) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        return 0;
+    }
+    size = ClampToUInt(static_cast<unsigned long long>(st.st_size));
+    return 1;
+}
+
+// --- CosMutex -----------------------------------------------------------------
+
+void CosMutex::Lock() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cond.wait(lock, [this] { return !m_bLocked; });
+    m_bLocked = true;
+}
+
+void CosMutex::Unlock() {
+    // Notify while m_mutex is held: a waiter that takes the lock may destroy
+    // this object as soon as it returns.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_bLocked) {
+        return;  // releasing a free lock is allowed and does nothing
+    }
+    m_bLocked = false;
+    m_cond.notify_one();
+}
+
+int CosMutex::TryLock(unsigned int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                         [this] { return !m_bLocked; })) {
+        return 0;
+    }
+    m_bLocked = true;
+    return 1;
+}
+
+// --- CosOsState ---------------------------------------------------------------
+
+unsigned int CosOsState::GetDiskFreeSize(const std::string& path, unsigned int& value) {
+    if (PlatformSimInternal::FixedDiskFreeSize(value)) {
+        return value;
+    }
+    struct statvfs vfs;
+    if (statvfs(path.c_str(), &vfs) != 0) {
+        value = 0;
+        return 0;
+    }
+    value = ClampToUInt(static_cast<unsigned long long>(vfs.f_bavail) * vfs.f_frsize / 1024ULL);
+    return value;
+}
+
+// --- CosTime ------------------------------------------------------------------
+
+unsigned long long CosTime::GetTickCountCos() {
+    unsigned long long ms;
+    if (PlatformSimInternal::FixedTickCount(ms)) {
+        return ms;
+    }
+    return PlatformSimInternal::MonotonicMs();
+}
+
+unsigned long long CosTime::GetTimeStamp() {
+    unsigned long long ts;
+    if (PlatformSimInternal::FixedTimeStamp(ts)) {
+        return ts;
+    }
+    return ClockMs(CLOCK_REALTIME);
+}
+
+}  // namespace COS
