@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds tests/consumer, a separate host project that add_subdirectory()s the
+# library and links the Sqlite3DB target alone, in a temporary directory; then
+# runs the consumer. Fails when configuring, building or running fails, or
+# when the consumer does not report success.
+#   CONSUMER_CMAKE_ARGS  extra configure arguments (e.g. -DCMAKE_CXX_COMPILER=clang++)
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(cd "$here/../.." && pwd)
+work=$(mktemp -d "${TMPDIR:-/tmp}/sqlite3db_consumer.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+# shellcheck disable=SC2086
+cmake -S "$here" -B "$work" -DSQLITE3DB_ROOT="$root" -DCMAKE_BUILD_TYPE=Release \
+  ${CONSUMER_CMAKE_ARGS:-}
+cmake --build "$work" -j 2
+
+# The library's own tests are not part of a host's build.
+if [ -e "$work/sqlite3db/tests/Sqlite3DB_tests" ]; then
+  echo "run_consumer: the library built its tests inside a host project" >&2
+  exit 1
+fi
+
+output=$("$work/consumer")
+echo "$output"
+case "$output" in
+  "consumer: Sqlite3DB ok,"*) ;;
+  *) echo "run_consumer: unexpected output" >&2; exit 1 ;;
+esac
+echo "run_consumer: ok"
