@@ -167,4 +167,46 @@ bool LogContains(const std::vector<std::string>& lines, const std::string& needl
     return false;
 }
 
+bool IsStoreLogLine(const std::string& line, const std::string& file, const std::string& text) {
+    const std::string head = "[App ]: " + file + "(";
+    const std::string tail = "):  " + text + "\r\n";
+    if (line.size() < head.size() + tail.size() + 1 || line.compare(0, head.size(), head) != 0 ||
+        line.compare(line.size() - tail.size(), tail.size(), tail) != 0) {
+        return false;
+    }
+    const std::string number = line.substr(head.size(), line.size() - head.size() - tail.size());
+    return number.find_first_not_of("0123456789") == std::string::npos;
+}
+
+int CountStoreLogLines(const std::vector<std::string>& lines, const std::string& file,
+                       const std::string& text) {
+    int n = 0;
+    for (const std::string& line : lines) {
+        if (IsStoreLogLine(line, file, text)) {
+            ++n;
+        }
+    }
+    return n;
+}
+
+std::vector<std::string> LogTexts(const std::vector<std::string>& lines) {
+    const std::string prefix = "[App ]: ";
+    std::vector<std::string> texts;
+    for (const std::string& line : lines) {
+        const std::string::size_type open = line.find('(');
+        const std::string::size_type close = line.find("):  ");
+        if (line.compare(0, prefix.size(), prefix) == 0 && open != std::string::npos &&
+            close != std::string::npos && open < close && line.size() >= 2 &&
+            line.compare(line.size() - 2, 2, "\r\n") == 0 &&
+            IsStoreLogLine(line, line.substr(prefix.size(), open - prefix.size()),
+                           line.substr(close + 4, line.size() - close - 6))) {
+            texts.push_back(line.substr(prefix.size(), open - prefix.size()) + ": " +
+                            line.substr(close + 4, line.size() - close - 6));
+        } else {
+            texts.push_back(line);
+        }
+    }
+    return texts;
+}
+
 }  // namespace testutil

@@ -57,6 +57,16 @@ void RemoveTree(const std::string& path);
 // True when some captured log line contains needle (consumes the captures).
 bool LogContains(const std::vector<std::string>& lines, const std::string& needle);
 
+// True when line is "[App ]: <file>(<line number>):  <text>\r\n" exactly, the
+// form of every log line of the store (e.g. text "[DB]Save:no such table: t").
+bool IsStoreLogLine(const std::string& line, const std::string& file, const std::string& text);
+// Number of lines for which IsStoreLogLine(line, file, text) holds.
+int CountStoreLogLines(const std::vector<std::string>& lines, const std::string& file,
+                       const std::string& text);
+// Each log line "[App ]: <file>(<n>):  <text>\r\n" as "<file>: <text>", so
+// that a sequence of lines compares without line numbers; other lines stay.
+std::vector<std::string> LogTexts(const std::vector<std::string>& lines);
+
 }  // namespace testutil
 
 #endif  // TESTS_TESTUTIL_H_
