@@ -2,8 +2,8 @@
 // here logs, throws or locks; results are the only report.
 #include "Sqlite3DB/Sqlite3DB.h"
 
-#include "CbbMd5.h"
 #include "COS.h"
+#include "CbbMd5.h"
 #include "Sqlite3DB/DbData/DbText.h"
 
 std::list<DbData*> Sqlite3DB::m_listDbData;
@@ -19,7 +19,9 @@ const unsigned int kFreeSpaceThreshold = 5120;  // KiB on the data partition
 
 // The verb test of the forwarders: the first six characters, case-sensitive,
 // nothing skipped before them.
-bool HasVerb(const std::string& sql, const char* verb) { return sql.compare(0, 6, verb) == 0; }
+bool HasVerb(const std::string& sql, const char* verb) {
+    return sql.compare(0, 6, verb) == 0;
+}
 
 }  // namespace
 
@@ -34,9 +36,13 @@ int Sqlite3DB::Sqlit3DBEnable(const std::string& projectFile) {
     return 1;
 }
 
-void Sqlite3DB::SetInitType(int type) { m_bInitSuccess = type; }
+void Sqlite3DB::SetInitType(int type) {
+    m_bInitSuccess = type;
+}
 
-int Sqlite3DB::GetInitType() { return m_bInitSuccess; }
+int Sqlite3DB::GetInitType() {
+    return m_bInitSuccess;
+}
 
 long long Sqlite3DB::Create(const _tagDBConf& conf, long long id) {
     if (m_bEnable == 0) {
@@ -63,7 +69,9 @@ long long Sqlite3DB::Create(const _tagDBConf& conf, long long id) {
     return storeId;
 }
 
-int Sqlite3DB::DbIDExist(long long id) { return GetDbByID(id) != nullptr ? 1 : 0; }
+int Sqlite3DB::DbIDExist(long long id) {
+    return GetDbByID(id) != nullptr ? 1 : 0;
+}
 
 DbData* Sqlite3DB::GetDbByID(long long id) {
     for (DbData* store : m_listDbData) {
@@ -145,13 +153,21 @@ int Sqlite3DB::Open(long long id) {
     return 1;
 }
 
-void Sqlite3DB::SetDbData(DbData* store) { m_pDbData = store; }
+void Sqlite3DB::SetDbData(DbData* store) {
+    m_pDbData = store;
+}
 
-void Sqlite3DB::SetDbDataID(long long id) { m_nDbDataID = id; }
+void Sqlite3DB::SetDbDataID(long long id) {
+    m_nDbDataID = id;
+}
 
-long long Sqlite3DB::GetDbDataID() { return m_nDbDataID; }
+long long Sqlite3DB::GetDbDataID() {
+    return m_nDbDataID;
+}
 
-int Sqlite3DB::LoadDbSuccess() { return m_pDbData != nullptr ? m_pDbData->HasSaveDir() : 0; }
+int Sqlite3DB::LoadDbSuccess() {
+    return m_pDbData != nullptr ? m_pDbData->HasSaveDir() : 0;
+}
 
 int Sqlite3DB::SqlInsert(const std::string& sql) {
     if (m_pDbData == nullptr || !HasVerb(sql, "insert")) {
@@ -189,7 +205,9 @@ int Sqlite3DB::CreateTable(const std::string& sql) {
 }
 
 // Deliberately without the bound-store test of the other forwarders.
-int Sqlite3DB::SqlAddNode(_tagDBSqlCmdInfo& cmd) { return m_pDbData->AddNode(cmd); }
+int Sqlite3DB::SqlAddNode(_tagDBSqlCmdInfo& cmd) {
+    return m_pDbData->AddNode(cmd);
+}
 
 int Sqlite3DB::SqlSelect(_tagDBSqlSelectCmdInfo& info,
                          std::vector<CBBSQL::CppSQLite3Table>& tables) {
@@ -224,8 +242,8 @@ int Sqlite3DB::TableIsExist(const std::string& name) {
     return m_pDbData != nullptr ? m_pDbData->TableIsExist(name) : 0;
 }
 
-int Sqlite3DB::GetIndexIDfroTime(std::string& sql, unsigned long long start,
-                                 unsigned long long end, int order, unsigned long long* out) {
+int Sqlite3DB::GetIndexIDfroTime(std::string& sql, unsigned long long start, unsigned long long end,
+                                 int order, unsigned long long* out) {
     if (m_pDbData == nullptr || sql.empty() || out == nullptr) {
         return 0;
     }

@@ -37,6 +37,15 @@ bool Present(const std::string& path) {
     return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The mount point ends with '/', so that a store directory can be appended to
+// it directly, whether the host set it with or without one.
+std::string MountPoint(const std::string& path) {
+    if (!Present(path)) {
+        return std::string();
+    }
+    return path.back() == '/' ? path : path + "/";
+}
+
 }  // namespace
 
 void CHmiMedia::SetSDPath(const std::string& path) {
@@ -56,11 +65,9 @@ bool CHmiMedia::isUSBExsit() {
 }
 
 std::string CHmiMedia::getSDPath() {
-    std::string path = Read(&MediaPaths::sd);
-    return Present(path) ? path : std::string();
+    return MountPoint(Read(&MediaPaths::sd));
 }
 
 std::string CHmiMedia::getUdiskPath() {
-    std::string path = Read(&MediaPaths::udisk);
-    return Present(path) ? path : std::string();
+    return MountPoint(Read(&MediaPaths::udisk));
 }

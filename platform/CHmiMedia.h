@@ -14,7 +14,7 @@ public:
 
     static bool isSDExsit();
     static bool isUSBExsit();
-    // The mount point when the medium is present, else empty.
+    // The mount point, ending with "/", when the medium is present; else empty.
     static std::string getSDPath();
     static std::string getUdiskPath();
 };

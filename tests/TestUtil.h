@@ -34,8 +34,7 @@ struct Conf {
     std::string dirName = "store";
     std::string fileName = "rec.db";
     std::string tableName = "rec";
-    std::string createSql =
-        "CREATE TABLE rec (id INTEGER PRIMARY KEY, t INTEGER, v TEXT)";
+    std::string createSql = "CREATE TABLE rec (id INTEGER PRIMARY KEY, t INTEGER, v TEXT)";
     std::string delSql;
     _tagDBConf conf{};
 

@@ -74,9 +74,13 @@ DbData::~DbData() {
     }
 }
 
-int DbData::HasSaveDir() { return m_bHasSaveDir; }
+int DbData::HasSaveDir() {
+    return m_bHasSaveDir;
+}
 
-long long DbData::GetID() { return m_nDBID; }
+long long DbData::GetID() {
+    return m_nDBID;
+}
 
 void DbData::ClearFileList() {
     if (m_vecFileInfo.empty()) {
@@ -230,7 +234,9 @@ void DbData::UpdateDBMemoryInfo_out() {
     m_nMemMinID = m_nMemMaxID;
 }
 
-void DbData::UpdateDBMemoryInfo_Del(unsigned int n) { m_nMemMinID += n; }
+void DbData::UpdateDBMemoryInfo_Del(unsigned int n) {
+    m_nMemMinID += n;
+}
 
 long long DbData::GetNowDBMemRecordNum() {
     if (m_bUseMemDB == 0) {
@@ -239,7 +245,9 @@ long long DbData::GetNowDBMemRecordNum() {
     return static_cast<long long>(m_nMemMaxID - m_nMemMinID);
 }
 
-long long DbData::GetChangeNum() { return static_cast<long long>(m_nChangeNum); }
+long long DbData::GetChangeNum() {
+    return static_cast<long long>(m_nChangeNum);
+}
 
 // ---------------------------------------------------------------------------
 // Save cycle (the flush itself is in DbDataRunSql.cpp)
@@ -479,7 +487,9 @@ unsigned int DbData::GetMaxFileID() {
     return maxID;
 }
 
-int DbData::GetFileNum() { return static_cast<int>(m_vecFileInfo.size()); }
+int DbData::GetFileNum() {
+    return static_cast<int>(m_vecFileInfo.size());
+}
 
 // ---------------------------------------------------------------------------
 // Range lookup over files
@@ -507,8 +517,8 @@ int DbData::FineTimeCmpFileTime(unsigned long long start, unsigned long long end
     return FineIDCmpFileID(start, end, fileStart, fileEnd);
 }
 
-int DbData::FindFile_ID(std::vector<int>& result, unsigned long long start,
-                        unsigned long long end, int order) {
+int DbData::FindFile_ID(std::vector<int>& result, unsigned long long start, unsigned long long end,
+                        int order) {
     // The buffer counts as holding records by its time stamps, also here.
     const bool memHolds = m_bUseMemDB != 0 && m_nMemStartTime != 0 && m_nMemEndTime != 0;
     const bool memMatches = memHolds && FineIDCmpFileID(start, end, m_nMemMinID, m_nMemMaxID);
@@ -594,8 +604,7 @@ int DbData::CreateFileDB() {
         db.execDML(m_strDBInfoCreateSql.c_str());
         now = COS::CosTime::GetTimeStamp();
         char sql[dbtext::kTextBufferSize];
-        snprintf(sql, sizeof(sql), dbtext::kDBInfoNewRowSql, m_strDBInfoTable.c_str(), 1, now,
-                 now);
+        snprintf(sql, sizeof(sql), dbtext::kDBInfoNewRowSql, m_strDBInfoTable.c_str(), 1, now, now);
         db.execDML(sql);
     } catch (CppSQLite3Exception& e) {
         DB_LOG(dbtext::kLogCreateFileDB, e.errorMessage());
@@ -779,8 +788,14 @@ unsigned long long DbData::GetOldFileTime() {
     return m_vecFileInfo.empty() ? 0 : m_vecFileInfo.front().GetStartTime();
 }
 
-int DbData::GetStorePattern() { return m_nStorePattern; }
+int DbData::GetStorePattern() {
+    return m_nStorePattern;
+}
 
-int DbData::GetMaxFileNum() { return m_nMaxFileNum; }
+int DbData::GetMaxFileNum() {
+    return m_nMaxFileNum;
+}
 
-unsigned int DbData::GetNowFileNum() { return static_cast<unsigned int>(m_vecFileInfo.size()); }
+unsigned int DbData::GetNowFileNum() {
+    return static_cast<unsigned int>(m_vecFileInfo.size());
+}

@@ -118,8 +118,8 @@ public:
                             unsigned long long fileStart, unsigned long long fileEnd);
     int FindFile_ID(std::vector<int>& result, unsigned long long start, unsigned long long end,
                     int order);
-    int FindFile_Time(std::vector<int>& result, unsigned long long start,
-                      unsigned long long end, int order);
+    int FindFile_Time(std::vector<int>& result, unsigned long long start, unsigned long long end,
+                      int order);
 
     // --- File rotation and retention ----------------------------------------
     int CreateFileDB();

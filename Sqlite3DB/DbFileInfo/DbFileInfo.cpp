@@ -56,6 +56,10 @@ int DbFileInfo::UpdateEndIDAndEndTimeNoName(unsigned long long id) {
     return UpdateEndIDAndEndTime(id);
 }
 
-void DbFileInfo::UpdateEndTime() { m_nEndTime = COS::CosTime::GetTimeStamp(); }
+void DbFileInfo::UpdateEndTime() {
+    m_nEndTime = COS::CosTime::GetTimeStamp();
+}
 
-bool myfunction(DbFileInfo a, DbFileInfo b) { return a.GetFileID() < b.GetFileID(); }
+bool myfunction(DbFileInfo a, DbFileInfo b) {
+    return a.GetFileID() < b.GetFileID();
+}

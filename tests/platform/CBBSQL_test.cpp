@@ -21,7 +21,7 @@ using CBBSQL::CppSQLite3Table;
 namespace {
 
 class PlatformCbbSqlTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 

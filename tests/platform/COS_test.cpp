@@ -26,7 +26,7 @@ using COS::CosTime;
 namespace {
 
 class PlatformCosTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 

@@ -11,7 +11,7 @@
 namespace {
 
 class PlatformCbbMd5Test : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 

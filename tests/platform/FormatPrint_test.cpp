@@ -12,7 +12,7 @@
 namespace {
 
 class PlatformFormatPrintTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 

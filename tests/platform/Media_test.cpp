@@ -16,7 +16,7 @@
 namespace {
 
 class PlatformMediaTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 
@@ -60,7 +60,7 @@ TEST_F(PlatformMediaTest, UsbPresenceFollowsMountDir) {
 
     ASSERT_NE(0, COS::CosDir::MakeDir(usb));
     EXPECT_TRUE(CHmiMedia::isUSBExsit());
-    EXPECT_EQ(usb, CHmiMedia::getUdiskPath());
+    EXPECT_EQ(usb + "/", CHmiMedia::getUdiskPath());  // given without its trailing slash
     EXPECT_FALSE(CHmiMedia::isSDExsit());
 
     testutil::RemoveTree(usb);
@@ -84,13 +84,13 @@ TEST_F(PlatformMediaTest, PathsMayBeUsedFromThreads) {
     std::thread reader([&] {
         while (!stop) {
             std::string sd = CHmiMedia::getSDPath();
-            EXPECT_TRUE(sd.empty() || sd == dir.path() + "m");
+            EXPECT_TRUE(sd.empty() || sd == dir.path() + "m/");
             CHmiMedia::isUSBExsit();
         }
     });
     writer.join();
     reader.join();
-    EXPECT_EQ(dir.path() + "m", CHmiMedia::getSDPath());
+    EXPECT_EQ(dir.path() + "m/", CHmiMedia::getSDPath());
     EXPECT_EQ("", CHmiMedia::getUdiskPath());
 }
 

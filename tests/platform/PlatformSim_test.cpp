@@ -16,7 +16,7 @@
 namespace {
 
 class PlatformSimTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 
@@ -32,7 +32,7 @@ unsigned long long MonotonicNowMs() {
 
 // Sends standard error to /dev/null while alive, for tests that write thousands of lines.
 class QuietStderr {
-  public:
+public:
     QuietStderr() : m_saved(dup(STDERR_FILENO)) {
         int null = open("/dev/null", O_WRONLY);
         if (null >= 0) {
@@ -47,7 +47,7 @@ class QuietStderr {
         }
     }
 
-  private:
+private:
     int m_saved;
 };
 

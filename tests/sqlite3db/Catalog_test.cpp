@@ -22,7 +22,7 @@ using Names = std::vector<std::string>;
 using IDs = std::vector<unsigned int>;
 
 class CatalogTest : public dbfiles::DbFilesTest {
-  protected:
+protected:
     // A catalog entry made without a file.
     static DbFileInfo Entry(unsigned int id, unsigned long long startID = 0,
                             unsigned long long startTime = 0) {

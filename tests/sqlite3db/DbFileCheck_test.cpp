@@ -28,7 +28,7 @@ struct Info {
 };
 
 class DbFileCheckTest : public dbfiles::DbFilesTest {
-  protected:
+protected:
     int Read(const std::string& name, Info& info) {
         return store.ReadDbInfo(Path(name), &info.maxID, &info.minID, &info.startTime,
                                 &info.endTime);

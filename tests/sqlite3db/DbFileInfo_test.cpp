@@ -18,7 +18,7 @@ const char kLogPrefix[] = "[App ]: DbFileInfo.cpp(";
 const char kLogSuffix[] = "):  [DB]UpdateEndID:err\r\n";
 
 class DbFileInfoTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { PlatformSim::Reset(); }
     void TearDown() override { PlatformSim::Reset(); }
 

@@ -82,7 +82,7 @@ inline std::string ShellQuery(const std::string& path, const std::string& sql) {
 // A DbData set up as a store with stem "rec" and data table "rec" whose save
 // directory is a fresh temporary directory.
 class DbFilesTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         PlatformSim::Reset();
         store.m_bSaveFile = 1;

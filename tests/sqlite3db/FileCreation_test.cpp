@@ -22,7 +22,7 @@ using Names = std::vector<std::string>;
 using Rows = std::vector<std::vector<std::string>>;
 
 class FileCreationTest : public dbfiles::DbFilesTest {
-  protected:
+protected:
     static DbFileInfo Entry(unsigned int id) {
         DbFileInfo rec;
         rec.SetFileID(id);

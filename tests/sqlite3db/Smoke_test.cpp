@@ -17,7 +17,8 @@ TEST(Smoke, StoreSavesAndReadsBack) {
     ASSERT_EQ(1, h.Open(id));
     PlatformSim::SetTickCount(100000);
     for (int i = 1; i <= 10; ++i) {
-        std::string sql = "insert into rec values(" + std::to_string(i) + ", " + std::to_string(1000 + i) + ", 'x')";
+        std::string sql = "insert into rec values(" + std::to_string(i) + ", " +
+                          std::to_string(1000 + i) + ", 'x')";
         _tagDBSqlCmdInfo cmd{&sql, 1, (unsigned long long)i, 1000ULL + i};
         ASSERT_EQ(1, h.SqlAddNode(cmd));
     }

@@ -29,7 +29,7 @@ const char kEmptyMD5[] = "d41d8cd98f00b204e9800998ecf8427e";  // of ""
 const char kFoxMD5[] = "9e107d9d372bb6826bd81d3542a419d6";    // of the fox sentence
 
 class Sqlite3DBEnableTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         PlatformSim::Reset();
         ResetStatics();

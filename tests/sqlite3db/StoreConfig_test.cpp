@@ -321,6 +321,18 @@ TEST_F(StoreConfigTest, SdCardMissingAtStartUpThenInserted) {
     EXPECT_TRUE(m_store.m_listInsertCmd.empty());  // the reload discarded it
 }
 
+TEST_F(StoreConfigTest, MountPointGivenWithoutSlashStillSeparatesTheStoreDirectory) {
+    m_conf.conf.nStorePattern = 2;
+    m_conf.dirName = "store";
+    const std::string mount = m_media.path() + "usb";  // no trailing '/'
+    ASSERT_TRUE(COS::CosDir::MakeDir(mount));
+    CHmiMedia::SetUdiskPath(mount);
+    ASSERT_EQ(1, m_store.Config(m_conf.get(), 1, ""));
+    EXPECT_EQ(mount + "/", m_store.m_strSaveRoot);
+    EXPECT_EQ(mount + "/store/", m_store.m_strSavePath);
+    EXPECT_TRUE(testutil::FileExists(mount + "/store/rec_0.db"));
+}
+
 TEST_F(StoreConfigTest, SdCardReportedWithoutMountPointCountsAsMissing) {
     m_conf.conf.nStorePattern = 1;
     m_conf.dirName = "store";
