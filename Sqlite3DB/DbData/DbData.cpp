@@ -517,63 +517,64 @@ int DbData::FineTimeCmpFileTime(unsigned long long start, unsigned long long end
     return FineIDCmpFileID(start, end, fileStart, fileEnd);
 }
 
-int DbData::FindFile_ID(std::vector<int>& result, unsigned long long start, unsigned long long end,
-                        int order) {
-    // The buffer counts as holding records by its time stamps, also here.
-    const bool memHolds = m_bUseMemDB != 0 && m_nMemStartTime != 0 && m_nMemEndTime != 0;
-    const bool memMatches = memHolds && FineIDCmpFileID(start, end, m_nMemMinID, m_nMemMaxID);
-    const int count = static_cast<int>(m_vecFileInfo.size());
+namespace {
+
+// Appends the matching catalog indexes and -1 for a matching buffer. The
+// buffer holds the newest records: last when oldest first (order non-zero),
+// first when newest first.
+template <typename Matches>
+void AppendSources(const std::vector<DbFileInfo>& catalog, bool bufferMatches, int order,
+                   Matches matches, std::vector<int>& result) {
+    const int count = static_cast<int>(catalog.size());
     if (order != 0) {
         for (int i = 0; i < count; ++i) {
-            const DbFileInfo& rec = m_vecFileInfo[i];
-            if (FineIDCmpFileID(start, end, rec.GetStartID(), rec.GetEndID())) {
+            if (matches(catalog[i])) {
                 result.push_back(i);
             }
         }
-        if (memMatches) {
+        if (bufferMatches) {
             result.push_back(-1);
         }
-        return 1;
+        return;
     }
-    if (memMatches) {
+    if (bufferMatches) {
         result.push_back(-1);
     }
     for (int i = count - 1; i >= 0; --i) {
-        const DbFileInfo& rec = m_vecFileInfo[i];
-        if (FineIDCmpFileID(start, end, rec.GetStartID(), rec.GetEndID())) {
+        if (matches(catalog[i])) {
             result.push_back(i);
         }
     }
+}
+
+}  // namespace
+
+int DbData::FindFile_ID(std::vector<int>& result, unsigned long long start, unsigned long long end,
+                        int order) {
+    // The buffer counts as holding records by its time stamps, also here.
+    const bool bufferHolds = m_bUseMemDB != 0 && m_nMemStartTime != 0 && m_nMemEndTime != 0;
+    const bool bufferMatches =
+        bufferHolds && FineIDCmpFileID(start, end, m_nMemMinID, m_nMemMaxID) != 0;
+    AppendSources(
+        m_vecFileInfo, bufferMatches, order,
+        [&](const DbFileInfo& rec) {
+            return FineIDCmpFileID(start, end, rec.GetStartID(), rec.GetEndID()) != 0;
+        },
+        result);
     return 1;
 }
 
 int DbData::FindFile_Time(std::vector<int>& result, unsigned long long start,
                           unsigned long long end, int order) {
-    const bool memHolds = m_bUseMemDB != 0 && m_nMemStartTime != 0 && m_nMemEndTime != 0;
-    const bool memMatches =
-        memHolds && FineTimeCmpFileTime(start, end, m_nMemStartTime, m_nMemEndTime);
-    const int count = static_cast<int>(m_vecFileInfo.size());
-    if (order != 0) {
-        for (int i = 0; i < count; ++i) {
-            const DbFileInfo& rec = m_vecFileInfo[i];
-            if (FineTimeCmpFileTime(start, end, rec.GetStartTime(), rec.GetEndTime())) {
-                result.push_back(i);
-            }
-        }
-        if (memMatches) {
-            result.push_back(-1);
-        }
-        return 1;
-    }
-    if (memMatches) {
-        result.push_back(-1);
-    }
-    for (int i = count - 1; i >= 0; --i) {
-        const DbFileInfo& rec = m_vecFileInfo[i];
-        if (FineTimeCmpFileTime(start, end, rec.GetStartTime(), rec.GetEndTime())) {
-            result.push_back(i);
-        }
-    }
+    const bool bufferHolds = m_bUseMemDB != 0 && m_nMemStartTime != 0 && m_nMemEndTime != 0;
+    const bool bufferMatches =
+        bufferHolds && FineTimeCmpFileTime(start, end, m_nMemStartTime, m_nMemEndTime) != 0;
+    AppendSources(
+        m_vecFileInfo, bufferMatches, order,
+        [&](const DbFileInfo& rec) {
+            return FineTimeCmpFileTime(start, end, rec.GetStartTime(), rec.GetEndTime()) != 0;
+        },
+        result);
     return 1;
 }
 
