@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Sqlite3DB/DbData/DbData.h"
+#include "Sqlite3DB/Sqlite3DB.h"
 #include "TestUtil.h"
 
 namespace querytest {
@@ -191,6 +192,41 @@ protected:
     testutil::TempDir m_dir;
     testutil::Conf m_conf;
     DbData m_store;
+};
+
+// A store created through the registry and filled by the real save cycle:
+// rec_0.db [1,8], rec_1.db [8,16], rec_2.db [16,20], buffer [20,23].
+class RegistryStoreAfterSavesTest : public ::testing::Test {
+protected:
+    RegistryStoreAfterSavesTest() : m_dir("/mnt/data/") {}
+
+    void SetUp() override {
+        PlatformSim::Reset();
+        PlatformSim::SetTimeStamp(5);
+        Sqlite3DB::Sqlit3DBEnable("/nonexistent");
+        m_conf.dirName = m_dir.name() + "/sub";
+        m_conf.conf.nMaxRecordNum = 5;
+        m_conf.conf.nSaveTime = 1000;
+        const long long id = Sqlite3DB::Create(m_conf.get(), 0);
+        ASSERT_GT(id, 0);
+        ASSERT_EQ(1, m_handle.Open(id));
+        m_store = Sqlite3DB::GetDbByID(id);
+        BuildThroughSaveCycle(*m_store, [](unsigned long long tick) {
+            PlatformSim::SetTickCount(tick);
+            Sqlite3DB::Save();
+        });
+        ASSERT_EQ(3, m_store->GetFileNum());
+    }
+
+    void TearDown() override {
+        Sqlite3DB::Destroy();
+        PlatformSim::Reset();
+    }
+
+    testutil::TempDir m_dir;
+    testutil::Conf m_conf;
+    Sqlite3DB m_handle;
+    DbData* m_store = nullptr;
 };
 
 }  // namespace querytest

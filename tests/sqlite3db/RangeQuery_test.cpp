@@ -358,34 +358,8 @@ TEST_F(RangeQueryTest, MaximaOfAStoreWithoutFilesComeOnlyFromTheBuffer) {
 
 // --- A store built by the real save cycle ---------------------------------------
 
-// rec_0.db [1,8], rec_1.db [8,16], rec_2.db [16,20], buffer [20,23].
-class RangeQueryAfterSavesTest : public ::testing::Test {
+class RangeQueryAfterSavesTest : public querytest::RegistryStoreAfterSavesTest {
 protected:
-    RangeQueryAfterSavesTest() : m_dir("/mnt/data/") {}
-
-    void SetUp() override {
-        PlatformSim::Reset();
-        PlatformSim::SetTimeStamp(5);
-        Sqlite3DB::Sqlit3DBEnable("/nonexistent");
-        m_conf.dirName = m_dir.name() + "/sub";
-        m_conf.conf.nMaxRecordNum = 5;
-        m_conf.conf.nSaveTime = 1000;
-        const long long id = Sqlite3DB::Create(m_conf.get(), 0);
-        ASSERT_GT(id, 0);
-        ASSERT_EQ(1, m_handle.Open(id));
-        m_store = Sqlite3DB::GetDbByID(id);
-        querytest::BuildThroughSaveCycle(*m_store, [](unsigned long long tick) {
-            PlatformSim::SetTickCount(tick);
-            Sqlite3DB::Save();
-        });
-        ASSERT_EQ(3, m_store->GetFileNum());
-    }
-
-    void TearDown() override {
-        Sqlite3DB::Destroy();
-        PlatformSim::Reset();
-    }
-
     int Select(int type, unsigned long long start, unsigned long long end, int maxRecord,
                int order) {
         _tagDBSqlSelectCmdInfo info{};
@@ -400,10 +374,6 @@ protected:
         return m_handle.SqlSelect(info, m_tables);
     }
 
-    testutil::TempDir m_dir;
-    testutil::Conf m_conf;
-    Sqlite3DB m_handle;
-    DbData* m_store = nullptr;
     std::string m_sql = "select id from rec order by id";
     std::vector<CppSQLite3Table> m_tables;
 };
