@@ -8,6 +8,8 @@
 #include <memory>
 #include <utility>
 
+#include "SqliteSettings.h"
+
 namespace CBBSQL {
 
 namespace {
@@ -229,14 +231,13 @@ void CppSQLite3DB::open(const char* path) {
         throw CppSQLite3Exception(SQLITE_MISUSE, "no database path");
     }
     sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    int rc = sqlite3_open_v2(path, &db, ConnectionOpenFlags(true), nullptr);
     if (rc != SQLITE_OK) {
         CppSQLite3Exception error(rc, db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
         sqlite3_close_v2(db);
         throw error;
     }
-    sqlite3_busy_timeout(db, 2000);
-    m_pDB = db;
+    setUp(db);
 }
 
 int CppSQLite3DB::openWithoutCreate(const char* path) {
@@ -245,13 +246,20 @@ int CppSQLite3DB::openWithoutCreate(const char* path) {
         return 0;
     }
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(path, &db, ConnectionOpenFlags(false), nullptr) != SQLITE_OK) {
         sqlite3_close_v2(db);
         return 0;
     }
-    sqlite3_busy_timeout(db, 2000);
-    m_pDB = db;
+    setUp(db);
     return 1;
+}
+
+// Every connection, to a file or to the memory buffer, is set up the same way.
+void CppSQLite3DB::setUp(sqlite3* db) {
+    sqlite3_busy_timeout(db, 2000);
+    ApplyHardening(db);
+    ApplyDurability(db);
+    m_pDB = db;
 }
 
 // close_v2 lets cursors that are still open keep the connection alive until

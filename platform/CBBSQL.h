@@ -112,6 +112,7 @@ public:
     bool tableExists(const char* table);
 
 private:
+    void setUp(sqlite3* db);
     void checkDB() const;
     sqlite3_stmt* compile(const char* sql);
 

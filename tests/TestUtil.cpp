@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -207,6 +208,15 @@ std::vector<std::string> LogTexts(const std::vector<std::string>& lines) {
         }
     }
     return texts;
+}
+
+// --- Scaling ---------------------------------------------------------------------
+
+int ScaledCount(int full, int minimum) {
+    const char* text = std::getenv("SQLITE3DB_TEST_SCALE");
+    int scale = text ? std::atoi(text) : 1;
+    int count = scale > 1 ? full / scale : full;
+    return count < minimum ? minimum : count;
 }
 
 }  // namespace testutil

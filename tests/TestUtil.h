@@ -66,6 +66,11 @@ int CountStoreLogLines(const std::vector<std::string>& lines, const std::string&
 // that a sequence of lines compares without line numbers; other lines stay.
 std::vector<std::string> LogTexts(const std::vector<std::string>& lines);
 
+// A loop or trial count scaled for slow runs: full divided by the whole
+// number in SQLITE3DB_TEST_SCALE (set for runs under an emulator), never
+// below minimum. Every test still runs; only its size shrinks.
+int ScaledCount(int full, int minimum = 1);
+
 }  // namespace testutil
 
 #endif  // TESTS_TESTUTIL_H_

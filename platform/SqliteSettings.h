@@ -1,0 +1,22 @@
+// SqliteSettings: how every connection of the library is set up when it
+// opens: the open flags, the journal and sync settings that make a committed
+// flush survive a power cut, and the limits and defences that keep a file the
+// library did not write from running its own code or growing without bound.
+// Private to the platform layer; CBBSQL applies them in one place.
+#ifndef PLATFORM_SQLITESETTINGS_H_
+#define PLATFORM_SQLITESETTINGS_H_
+
+struct sqlite3;
+
+namespace CBBSQL {
+
+// Flags for sqlite3_open_v2 (create: the file may be created).
+int ConnectionOpenFlags(bool create);
+// Journal and sync settings of a connection that may write DB files.
+void ApplyDurability(sqlite3* db);
+// Limits and defences of a connection that may read a file from a medium.
+void ApplyHardening(sqlite3* db);
+
+}  // namespace CBBSQL
+
+#endif  // PLATFORM_SQLITESETTINGS_H_
