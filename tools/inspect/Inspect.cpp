@@ -5,15 +5,15 @@
 // with what the panel does with the same files.
 #include "Inspect.h"
 
+#include <dirent.h>
+#include <limits.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <list>
+#include <cstdlib>
 #include <map>
 
-#include "COS.h"
 #include "Sqlite3DB/DbData/DbData.h"
 #include "Sqlite3DB/DbData/DbText.h"
 #include "Sqlite3DB/DbFileInfo/DbFileInfo.h"
@@ -52,37 +52,47 @@ private:
     bool m_tail = false;
 };
 
-// A read-only connection that closes itself.
+// A read-only connection that closes itself, with its own step budget.
 class Connection {
 public:
-    explicit Connection(const std::string& path) { m_db = OpenReadOnly(path, m_error); }
+    Connection(const std::string& path, bool allowViews, long long maxSteps) {
+        m_budget.left = maxSteps;
+        m_db = OpenReadOnly(path, m_error, allowViews, maxSteps > 0 ? &m_budget : nullptr);
+    }
     ~Connection() { sqlite3_close_v2(m_db); }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
     sqlite3* get() const { return m_db; }
     const std::string& error() const { return m_error; }
-    std::string message() const { return sqlite3_errmsg(m_db); }
+    std::string message() const {
+        if (sqlite3_errcode(m_db) == SQLITE_INTERRUPT && m_budget.left <= 0) {
+            return "stopped: the step bound ran out";
+        }
+        return sqlite3_errmsg(m_db);
+    }
 
 private:
+    StepBudget m_budget;
     sqlite3* m_db = nullptr;
     std::string m_error;
 };
 
-std::string UriEscape(const std::string& path) {
-    std::string out;
-    for (char c : path) {
-        if (c == '%' || c == '?' || c == '#') {
-            static const char kHex[] = "0123456789ABCDEF";
-            out += '%';
-            out += kHex[(static_cast<unsigned char>(c) >> 4) & 0xF];
-            out += kHex[static_cast<unsigned char>(c) & 0xF];
-        } else {
-            out += c;
-        }
-    }
-    return out;
+// The engine calls this every kStepsPerCall virtual-machine steps.
+constexpr int kStepsPerCall = 10000;
+int CountSteps(void* context) {
+    StepBudget* budget = static_cast<StepBudget*>(context);
+    budget->left -= kStepsPerCall;
+    return budget->left <= 0 ? 1 : 0;
 }
+
+// Bounds for files from a stranger: a value (string or blob) may take 32 MiB,
+// a statement's text 1 MiB (the schema's statements too) and all of the
+// engine's memory together 256 MiB; deep expressions and long compound
+// selects are refused.
+constexpr int kMaxValueBytes = 32 << 20;
+constexpr int kMaxSqlBytes = 1 << 20;
+constexpr long long kMaxEngineMemory = 256LL << 20;
 
 std::string QuoteIdentifier(const std::string& name) {
     std::string out = "\"";
@@ -121,17 +131,17 @@ std::string ColumnText(sqlite3_stmt* stmt, int column, bool csvNulls) {
 
 // The DBInfo row as the store reads it: MaxID, MinID, StartTime, EndTime in
 // columns 1 to 4, NULL read as 0. Returns "" when read, else the reason.
-std::string ReadInfoRow(sqlite3* db, FileReport& file) {
-    Statement info(db, dbtext::kDBInfoSelectSql);
+std::string ReadInfoRow(const Connection& db, FileReport& file) {
+    Statement info(db.get(), dbtext::kDBInfoSelectSql);
     if (!info.ok()) {
-        return std::string("no DBInfo row: ") + sqlite3_errmsg(db);
+        return "no DBInfo row: " + db.message();
     }
     const int rc = sqlite3_step(info.get());
     if (rc == SQLITE_DONE) {
         return "no DBInfo row";
     }
     if (rc != SQLITE_ROW) {
-        return std::string("no DBInfo row: ") + sqlite3_errmsg(db);
+        return "no DBInfo row: " + db.message();
     }
     file.maxID = static_cast<unsigned long long>(sqlite3_column_int64(info.get(), 1));
     file.minID = static_cast<unsigned long long>(sqlite3_column_int64(info.get(), 2));
@@ -166,8 +176,8 @@ std::vector<FileReport> Catalog(const Store& store) {
 }
 
 // Runs stmt to the end, adding its rows to result. False on an engine error.
-bool CollectRows(sqlite3* db, sqlite3_stmt* stmt, const std::string& fileName, bool csvNulls,
-                 QueryResult& result) {
+bool CollectRows(const Connection& db, sqlite3_stmt* stmt, const std::string& fileName,
+                 bool csvNulls, QueryResult& result) {
     const int columns = sqlite3_column_count(stmt);
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
@@ -178,7 +188,7 @@ bool CollectRows(sqlite3* db, sqlite3_stmt* stmt, const std::string& fileName, b
         result.rows.push_back(row);
     }
     if (rc != SQLITE_DONE) {
-        result.error = fileName + ": " + sqlite3_errmsg(db);
+        result.error = fileName + ": " + db.message();
         return false;
     }
     return true;
@@ -186,42 +196,120 @@ bool CollectRows(sqlite3* db, sqlite3_stmt* stmt, const std::string& fileName, b
 
 }  // namespace
 
-sqlite3* OpenReadOnly(const std::string& path, std::string& error) {
-    std::string dir = ".";
-    const std::string::size_type slash = path.rfind('/');
-    if (slash != std::string::npos) {
-        dir = path.substr(0, slash + 1);
+std::string FileUri(const std::string& path) {
+    // "file://" + an absolute path leaves the authority empty; a relative
+    // path cannot start with "//", so "file:" alone is safe for it.
+    std::string uri = path.compare(0, 1, "/") == 0 ? "file://" : "file:";
+    static const char kHex[] = "0123456789ABCDEF";
+    for (char c : path) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if ((byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
+            (byte >= '0' && byte <= '9') || std::string("-._~/").find(c) != std::string::npos) {
+            uri += c;
+        } else {
+            uri += '%';
+            uri += kHex[byte >> 4];
+            uri += kHex[byte & 0xF];
+        }
     }
-    // A directory we may not write to cannot take a journal or lock file:
-    // then the file is read as immutable.
-    std::string uri = "file:" + UriEscape(path) + "?mode=ro";
-    if (access(dir.c_str(), W_OK) != 0) {
-        uri += "&immutable=1";
+    // immutable: no lock, no journal rolled back, no -wal or -shm looked at
+    // or created; the file is read as it lies on the medium.
+    return uri + "?mode=ro&immutable=1";
+}
+
+sqlite3* OpenReadOnly(const std::string& path, std::string& error, bool allowViews,
+                      StepBudget* budget) {
+    // Opening a FIFO would block for good, and a link leads off the medium:
+    // only a regular file is opened. (SQLITE_OPEN_NOFOLLOW refuses a link
+    // that appears between this check and the open.)
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        error = "not a regular file";
+        return nullptr;
     }
+    sqlite3_hard_heap_limit64(kMaxEngineMemory);
     sqlite3* db = nullptr;
     const int rc =
-        sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+        sqlite3_open_v2(FileUri(path).c_str(), &db,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOFOLLOW, nullptr);
     if (rc != SQLITE_OK) {
         error = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         sqlite3_close_v2(db);
         return nullptr;
     }
-    sqlite3_busy_timeout(db, 2000);
+    // The file's schema code is untrusted: no triggers (none could fire on a
+    // read anyway), views only for the user's own query, no function with
+    // side effects from the schema, and the schema cannot be written.
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_VIEW, allowViews ? 1 : 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
     sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, 0);  // no other file can be reached
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, kMaxValueBytes);
+    sqlite3_limit(db, SQLITE_LIMIT_SQL_LENGTH, kMaxSqlBytes);
+    sqlite3_limit(db, SQLITE_LIMIT_EXPR_DEPTH, 200);
+    sqlite3_limit(db, SQLITE_LIMIT_COMPOUND_SELECT, 100);
+    sqlite3_limit(db, SQLITE_LIMIT_WORKER_THREADS, 0);
+    if (budget != nullptr) {
+        sqlite3_progress_handler(db, kStepsPerCall, CountSteps, budget);
+    }
     return db;
 }
 
+std::string ResolveDir(const std::string& dir) {
+    char* real = realpath(dir.c_str(), nullptr);
+    if (real == nullptr) {
+        return "";
+    }
+    std::string resolved = real;
+    std::free(real);
+    return resolved.back() == '/' ? resolved : resolved + "/";
+}
+
 bool ListDbFiles(const std::string& dir, std::vector<std::string>& names) {
-    std::list<std::string> listed;
-    if (COS::CosDir::ListDir(dir, 0, "*.db", listed) == 0) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) {
         return false;
     }
-    for (const std::string& name : listed) {
-        if (COS::CosFile::ExistFile(dir + name) == 1) {  // directories are not files
+    while (const dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.size() >= 3 && name.compare(name.size() - 3, 3, ".db") == 0) {
             names.push_back(name);
         }
     }
+    closedir(d);
+    std::sort(names.begin(), names.end());
     return true;
+}
+
+FileReport StatFile(const Store& store, const std::string& name) {
+    FileReport file;
+    file.name = name;
+    file.path = store.dir + name;
+    DbFileInfo info;
+    info.SetFullNameAndInfo(file.path);
+    file.fileID = info.GetFileID();
+    struct stat st;
+    if (lstat(file.path.c_str(), &st) != 0) {
+        file.skipped = true;
+        file.status = "skipped: gone";
+        return file;
+    }
+    file.bytes = static_cast<unsigned long long>(st.st_size);
+    const char* kind = S_ISREG(st.st_mode)    ? nullptr
+                       : S_ISLNK(st.st_mode)  ? "symbolic link"
+                       : S_ISDIR(st.st_mode)  ? "directory"
+                       : S_ISFIFO(st.st_mode) ? "FIFO"
+                       : S_ISSOCK(st.st_mode) ? "socket"
+                       : S_ISCHR(st.st_mode)  ? "character device"
+                       : S_ISBLK(st.st_mode)  ? "block device"
+                                              : "special file";
+    if (kind != nullptr) {
+        file.skipped = true;
+        file.status = std::string("skipped: ") + kind + ", not opened";
+    }
+    return file;
 }
 
 std::string InferStem(const std::vector<std::string>& names) {
@@ -246,20 +334,9 @@ std::string InferStem(const std::vector<std::string>& names) {
 void CollectFiles(Store& store, const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         // The store's own stem test: the name begins with the stem.
-        if (name.compare(0, store.stem.size(), store.stem) != 0) {
-            continue;
+        if (name.compare(0, store.stem.size(), store.stem) == 0) {
+            store.files.push_back(StatFile(store, name));
         }
-        FileReport file;
-        file.name = name;
-        file.path = store.dir + name;
-        DbFileInfo info;
-        info.SetFullNameAndInfo(file.path);
-        file.fileID = info.GetFileID();
-        struct stat st;
-        if (stat(file.path.c_str(), &st) == 0) {
-            file.bytes = static_cast<unsigned long long>(st.st_size);
-        }
-        store.files.push_back(file);
     }
     std::stable_sort(store.files.begin(), store.files.end(),
                      [](const FileReport& a, const FileReport& b) { return a.fileID < b.fileID; });
@@ -267,12 +344,15 @@ void CollectFiles(Store& store, const std::vector<std::string>& names) {
 
 bool InferTable(Store& store) {
     for (auto it = store.files.rbegin(); it != store.files.rend(); ++it) {
-        Connection db(it->path);
+        if (it->skipped) {
+            continue;
+        }
+        Connection db(it->path, false, kCheckSteps);
         if (db.get() == nullptr) {
             continue;
         }
         FileReport scratch;
-        if (!ReadInfoRow(db.get(), scratch).empty()) {
+        if (!ReadInfoRow(db, scratch).empty()) {
             continue;
         }
         Statement tables(db.get(),
@@ -312,7 +392,10 @@ bool ColumnListSlice(const std::string& createSql, std::string& slice) {
 }
 
 void CheckFile(const Store& store, FileReport& file) {
-    Connection db(file.path);
+    if (file.skipped) {
+        return;
+    }
+    Connection db(file.path, false, kCheckSteps);
     if (db.get() == nullptr) {
         file.status = "not a database: " + db.error();
         return;
@@ -331,12 +414,21 @@ void CheckFile(const Store& store, FileReport& file) {
     file.rows = CountRows(db.get(), store.table);
     const unsigned char* text = sqlite3_column_text(lookup.get(), 0);
     std::string stored, configured;
-    if (!ColumnListSlice(text ? reinterpret_cast<const char*>(text) : "", stored) ||
-        !ColumnListSlice(store.createSql, configured) || stored != configured) {
+    // The library cuts the slice without looking for the "(": its scan
+    // throws std::out_of_range out of the host's call at such a file.
+    if (!ColumnListSlice(text ? reinterpret_cast<const char*>(text) : "", stored)) {
+        file.status = "stored CREATE text has no \"(\" (the library's scan would throw)";
+        return;
+    }
+    if (!ColumnListSlice(store.createSql, configured)) {
+        file.status = "configured CREATE text has no \"(\" (the library's scan would throw)";
+        return;
+    }
+    if (stored != configured) {
         file.status = "column list differs";
         return;
     }
-    const std::string reason = ReadInfoRow(db.get(), file);
+    const std::string reason = ReadInfoRow(db, file);
     if (!reason.empty()) {
         file.status = reason;
         return;
@@ -346,7 +438,8 @@ void CheckFile(const Store& store, FileReport& file) {
 }
 
 QueryResult RunQuery(const Store& store, const std::string& sql, RangeKind kind,
-                     unsigned long long start, unsigned long long end, bool csvNulls) {
+                     unsigned long long start, unsigned long long end, bool csvNulls,
+                     long long maxSteps) {
     QueryResult result;
     for (const FileReport& file : store.files) {
         if (!file.accepted) {
@@ -373,7 +466,9 @@ QueryResult RunQuery(const Store& store, const std::string& sql, RangeKind kind,
         if (!selected && !first) {
             continue;
         }
-        Connection db(file.path);
+        // The user's own statement may read views; the step bound still
+        // stops a crafted one that would never end.
+        Connection db(file.path, true, maxSteps);
         if (db.get() == nullptr) {
             result.error = file.name + ": " + db.error();
             return result;
@@ -400,7 +495,7 @@ QueryResult RunQuery(const Store& store, const std::string& sql, RangeKind kind,
             }
             first = false;
         }
-        if (selected && !CollectRows(db.get(), stmt.get(), file.name, csvNulls, result)) {
+        if (selected && !CollectRows(db, stmt.get(), file.name, csvNulls, result)) {
             return result;
         }
     }

@@ -4,9 +4,13 @@
 // slice up to the first ")", the DBInfo row with version 1) and runs queries
 // on the files that pass.
 //
-// Nothing here writes: every file is opened read-only (and immutable when its
-// directory is not writable), only read-only statements are run and ATTACH
-// is switched off, so a panel's files can be inspected as they were copied.
+// Nothing here writes: every file is opened read-only and immutable (no
+// journal rolled back, no -wal or -shm created or replayed), symbolic links
+// and special files are never opened, only read-only statements are run and
+// ATTACH is switched off, so a panel's files can be inspected as they were
+// copied. Files from a stranger's medium are untrusted: their schema code
+// (triggers, views, generated columns) runs under defensive settings, with
+// bounded lengths, memory and virtual-machine steps.
 #ifndef TOOLS_INSPECT_INSPECT_H_
 #define TOOLS_INSPECT_INSPECT_H_
 
@@ -30,12 +34,13 @@ struct FileReport {
     unsigned long long endTime = 0;
     long long rows = -1;  // rows of the data table; -1 when unknown
     bool accepted = false;
-    std::string status;  // "accepted" or why not
+    bool skipped = false;  // not a regular file: never opened
+    std::string status;    // "accepted" or why not
 };
 
 // The store as found in one directory.
 struct Store {
-    std::string dir;  // with a trailing '/'
+    std::string dir;  // with a trailing '/'; no symbolic link in it (see ResolveDir)
     std::string stem;
     bool stemInferred = false;
     std::string table;
@@ -44,12 +49,43 @@ struct Store {
     std::vector<FileReport> files;  // in file-number order
 };
 
-// Opens path read-only; nullptr with the engine's message in error.
-sqlite3* OpenReadOnly(const std::string& path, std::string& error);
+// Virtual-machine steps one file's own checks may take before they are
+// stopped (a crafted view or generated column could otherwise run forever).
+constexpr long long kCheckSteps = 100000000;
+// The default bound of --max-steps: steps of the user's query on one file.
+constexpr long long kQuerySteps = 1000000000;
 
-// Bare names of the "*.db" files directly in dir, sorted by name. False
-// when the directory cannot be read.
+// Virtual-machine steps a connection's statements may still take; the
+// engine stops a statement with "interrupted" when they run out.
+struct StepBudget {
+    long long left = 0;
+};
+
+// The URI that names path for sqlite3_open_v2 with SQLITE_OPEN_URI: read-only
+// and immutable, every byte but unreserved ones and "/" percent-encoded.
+std::string FileUri(const std::string& path);
+
+// Opens the regular file at path read-only and immutable, refusing links,
+// with the defences for untrusted files; nullptr with the reason in error.
+// Views can be used only with allowViews. budget (nullptr: no bound) must
+// outlive the connection. path must hold no symbolic link in its directory
+// part (see ResolveDir).
+sqlite3* OpenReadOnly(const std::string& path, std::string& error, bool allowViews,
+                      StepBudget* budget);
+
+// dir with every symbolic link resolved and a trailing "/"; "" when it
+// cannot be resolved. The directory is the user's choice; links are refused
+// only inside it.
+std::string ResolveDir(const std::string& dir);
+
+// Bare names of all entries directly in dir whose names end in ".db",
+// whatever their kind (special files are listed so that they can be
+// reported), sorted by name. False when the directory cannot be read.
 bool ListDbFiles(const std::string& dir, std::vector<std::string>& names);
+
+// Name, path, number and size of one entry of store.dir, by lstat. Anything
+// but a regular file comes back skipped, with a status saying what it is.
+FileReport StatFile(const Store& store, const std::string& name);
 
 // The most common text before the first "_" among names; ties go to the
 // smallest text. Empty when no name holds a "_".
@@ -59,11 +95,13 @@ std::string InferStem(const std::vector<std::string>& names);
 // with store.stem, in file-number order, names breaking ties.
 void CollectFiles(Store& store, const std::vector<std::string>& names);
 
-// Fills store.table (when empty) and store.createSql from the newest file
-// that looks like a store file. False when no file fits.
+// Fills store.table (when empty) and store.createSql from the newest regular
+// file that looks like a store file. False when no file fits.
 bool InferTable(Store& store);
 
-// Judges one file against the store's table and statement.
+// Judges one file (from StatFile) against the store's table and statement,
+// as the library's scan would; skipped files are left as they are. The
+// status names the files at which the scan would throw or that it deletes.
 void CheckFile(const Store& store, FileReport& file);
 
 // The slice from the first "(" to just before the first ")"; false when the
@@ -84,9 +122,11 @@ struct QueryResult {
 enum class RangeKind { kAll, kIds, kTimes };
 
 // Runs sql on every accepted file that the range selects, in file-number
-// order. csvNulls: NULL reads as "" instead of "NULL".
+// order. csvNulls: NULL reads as "" instead of "NULL". Views may be used;
+// maxSteps bounds the statement on each file (0: no bound).
 QueryResult RunQuery(const Store& store, const std::string& sql, RangeKind kind,
-                     unsigned long long start, unsigned long long end, bool csvNulls);
+                     unsigned long long start, unsigned long long end, bool csvNulls,
+                     long long maxSteps = kQuerySteps);
 
 }  // namespace inspect
 

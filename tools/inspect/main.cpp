@@ -20,7 +20,13 @@ namespace {
 const char kUsageText[] = R"USAGE(Usage: sqlite3db-inspect [options] DIR
 
 Lists the DB files of the Sqlite3DB store in DIR, or runs a query over them.
-Files are only read, never changed: each one is opened read-only.
+Nothing in DIR is ever changed: each file is opened read-only and immutable,
+so no journal is rolled back and no -wal or -shm file is created or replayed
+(what a -wal file holds is not seen). Symbolic links, FIFOs, sockets,
+devices and directories named like DB files are never opened: the listing
+shows them as skipped. Files are treated as untrusted: their triggers never
+run, their views serve only --query, and every file's checks are stopped
+after 100 million engine steps, 32 MiB per value and 256 MiB of engine memory.
 
 Options:
   --stem STEM    file-name stem of the store (default: the most common text
@@ -39,11 +45,17 @@ Options:
                  (milliseconds since the Unix epoch; 0:0 selects every file)
   --csv          with --query: print CSV (RFC 4180 quoting, CRLF line ends)
                  instead of an aligned table; NULL prints as an empty field
+  --max-steps N  with --query: stop the query on a file after N engine steps
+                 (default 1000000000; 0: no bound), so that a crafted view
+                 cannot run for ever
   --help         print this text and exit
 
 A file is accepted when the store would catalogue it: the data table exists
 in it, its CREATE statement's column list up to the first ")" is the same
-text as the configured one's, and it has a DBInfo row with version 1.
+text as the configured one's, and it has a DBInfo row with version 1. The
+status also names the files the library treats harshly: "no data table (the
+library would delete it)" is deleted by the panel's scan, and a stored CREATE
+text with no "(" makes the panel's scan throw out of the host's call.
 --ids and --times match the ranges as the store's catalog holds them: a
 newest file still at MinID 0 starts where the file before it ended.
 
@@ -80,6 +92,8 @@ struct Options {
     unsigned long long start = 0;
     unsigned long long end = 0;
     bool csv = false;
+    long long maxSteps = inspect::kQuerySteps;
+    bool hasMaxSteps = false;
     bool help = false;
 };
 
@@ -146,6 +160,14 @@ std::string ParseArgs(int argc, char** argv, Options& options) {
             options.hasQuery = true;
             if (!take(options.query))
                 return "--query needs a value";
+        } else if (arg == "--max-steps") {
+            std::string steps;
+            unsigned long long n = 0;
+            if (!take(steps) || !ParseNumber(steps, n) || n > 9000000000000000000ULL) {
+                return "--max-steps needs a whole number";
+            }
+            options.maxSteps = static_cast<long long>(n);
+            options.hasMaxSteps = true;
         } else if (arg == "--ids" || arg == "--times") {
             if (options.range != inspect::RangeKind::kAll)
                 return "give --ids or --times, not both";
@@ -168,8 +190,9 @@ std::string ParseArgs(int argc, char** argv, Options& options) {
         return "no directory given";
     if (!options.createSql.empty() && options.table.empty())
         return "--create needs --table";
-    if (!options.hasQuery && (options.csv || options.range != inspect::RangeKind::kAll)) {
-        return "--ids, --times and --csv go with --query";
+    if (!options.hasQuery &&
+        (options.csv || options.hasMaxSteps || options.range != inspect::RangeKind::kAll)) {
+        return "--ids, --times, --csv and --max-steps go with --query";
     }
     return "";
 }
@@ -179,7 +202,7 @@ std::string Number(unsigned long long value, bool known) {
 }
 
 void PrintListing(const inspect::Store& store, const Options& options) {
-    std::cout << "Directory  " << store.dir << '\n';
+    std::cout << "Directory  " << options.dir << (options.dir.back() == '/' ? "" : "/") << '\n';
     std::cout << "Stem       \"" << store.stem << "\""
               << (store.stemInferred ? " (inferred from the file names)" : "") << '\n';
     std::cout << "Table      " << store.table;
@@ -210,8 +233,9 @@ void PrintListing(const inspect::Store& store, const Options& options) {
 }
 
 int PrintQuery(const inspect::Store& store, const Options& options) {
-    const inspect::QueryResult result = inspect::RunQuery(store, options.query, options.range,
-                                                          options.start, options.end, options.csv);
+    const inspect::QueryResult result =
+        inspect::RunQuery(store, options.query, options.range, options.start, options.end,
+                          options.csv, options.maxSteps);
     for (const std::string& warning : result.warnings) {
         std::cerr << "sqlite3db-inspect: warning: " << warning << '\n';
     }
@@ -250,7 +274,6 @@ int main(int argc, char** argv) {
     }
 
     inspect::Store store;
-    store.dir = options.dir.back() == '/' ? options.dir : options.dir + "/";
     struct stat st;
     if (stat(options.dir.c_str(), &st) != 0) {
         return Fail(kNoDirectory, "no such directory: " + options.dir);
@@ -258,8 +281,10 @@ int main(int argc, char** argv) {
     if (!S_ISDIR(st.st_mode)) {
         return Fail(kNoDirectory, "not a directory: " + options.dir);
     }
+    // Links in the path the user gave are followed; inside DIR none is.
+    store.dir = inspect::ResolveDir(options.dir);
     std::vector<std::string> names;
-    if (!inspect::ListDbFiles(store.dir, names)) {
+    if (store.dir.empty() || !inspect::ListDbFiles(store.dir, names)) {
         return Fail(kNoDirectory, "cannot read the directory " + options.dir);
     }
     if (names.empty()) {
