@@ -26,7 +26,7 @@ so no journal is rolled back and no -wal or -shm file is created or replayed
 devices and directories named like DB files are never opened: the listing
 shows them as skipped. Files are treated as untrusted: their triggers never
 run, their views serve only --query, and every file's checks are stopped
-after 100 million engine steps, 32 MiB per value and 256 MiB of engine memory.
+after 10 million engine steps, 32 MiB per value and 256 MiB of engine memory.
 
 Options:
   --stem STEM    file-name stem of the store (default: the most common text
@@ -46,8 +46,8 @@ Options:
   --csv          with --query: print CSV (RFC 4180 quoting, CRLF line ends)
                  instead of an aligned table; NULL prints as an empty field
   --max-steps N  with --query: stop the query on a file after N engine steps
-                 (default 1000000000; 0: no bound), so that a crafted view
-                 cannot run for ever
+                 (default 200000000, a few seconds; 0: no bound), so that a
+                 crafted view cannot run for ever
   --help         print this text and exit
 
 A file is accepted when the store would catalogue it: the data table exists
