@@ -6,7 +6,6 @@
 #include "Inspect.h"
 
 #include <dirent.h>
-#include <limits.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
