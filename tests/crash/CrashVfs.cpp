@@ -95,6 +95,10 @@ struct CrashFile {
     char rel[512];
 };
 
+// The default VFS's file starts 16-byte aligned after the wrapper (its 64-bit
+// fields need 8 on 32-bit ARM too).
+constexpr size_t kRealOffset = (sizeof(CrashFile) + 15) / 16 * 16;
+
 CrashFile* Cf(sqlite3_file* f) {
     return reinterpret_cast<CrashFile*>(f);
 }
@@ -204,7 +208,7 @@ const sqlite3_io_methods kMethods = {1,
 int Open(sqlite3_vfs*, const char* name, sqlite3_file* f, int flags, int* outFlags) {
     CrashFile* cf = Cf(f);
     cf->base.pMethods = nullptr;
-    cf->real = reinterpret_cast<sqlite3_file*>(cf + 1);
+    cf->real = reinterpret_cast<sqlite3_file*>(reinterpret_cast<char*>(cf) + kRealOffset);
     cf->file = -1;
     cf->syncDir = false;
     cf->rel[0] = 0;

@@ -25,7 +25,7 @@ void StoreConf(const std::string& rootName, const std::string& sub, testutil::Co
         c.delSql = "delete from rec where id in (select id from rec order by id limit 10)";
     } else {
         c.conf.nMaxRecordNum = 30;
-        c.conf.nMaxFileNum = 3;
+        c.conf.nMaxFileNum = 2;
     }
 }
 

@@ -18,7 +18,7 @@ namespace powercut {
 enum class Phase { None, Flush, Split, Retention, Deferred, Count };
 
 // Settings of the test stores by sub-directory: "roll" splits at 30 records
-// and keeps three files; "trim" keeps one file, trimmed by 10 past 40.
+// and keeps two files; "trim" keeps one file, trimmed by 10 past 40.
 void StoreConf(const std::string& rootName, const std::string& sub, testutil::Conf& c);
 
 unsigned long long TimeOf(unsigned long long id);

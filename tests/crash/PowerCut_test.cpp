@@ -34,7 +34,7 @@ bool FullRun() {
 }
 
 // A scripted run of two stores below one root: "roll" splits by record count
-// and keeps three files; "trim" keeps one file and trims it.
+// and keeps two files; "trim" keeps one file and trims it.
 class ScriptedRun {
 public:
     explicit ScriptedRun(const std::string& rootName) : rootName_(rootName) {}
