@@ -33,8 +33,10 @@ struct FaultSummary {
     int missedLast = 0;        // of those, the batch's last row
     int missedByIDOnly = 0;
     int missedByTimeOnly = 0;
-    int wholeRangeMissed = 0;  // a query over the whole batch missed rows
-    int waitingRows = 0;       // rows still unflushed after a cycle with no new record
+    int wholeRangeMissed = 0;    // a query over the whole batch missed rows
+    int dbinfoOnlyTrials = 0;    // failed DBInfo update, good copy
+    int missedAfterRestart = 0;  // batch rows a store restarted then misses, asked alone by ID
+    int waitingRows = 0;         // rows still unflushed after a cycle with no new record
     int lost = 0;
     int stuck = 0;
 };
@@ -131,6 +133,20 @@ void Trial(FaultOp op, int skip, int rc, bool persistent, FaultSummary& sum) {
     sum.unfindable += missed;
     sum.trialsUnfindable += missed > 0;
 
+    // A failed DBInfo update with a good copy: the store finds the rows, and
+    // so does a store started now on the same files?
+    if (CountLog(logs, "[DB]UpdateFileDBInfo:") > 0 && CountLog(logs, "[DB]FlushDB:") == 0) {
+        DbData restarted;
+        testutil::Conf c2;
+        c2.dirName = c.dirName;
+        c2.conf = c.conf;
+        ASSERT_EQ(1, restarted.Config(c2.get(), 2, "md5"));
+        ++sum.dbinfoOnlyTrials;
+        for (unsigned long long id = batchFirst; id <= batchLast; ++id) {
+            sum.missedAfterRestart += FindByID(restarted, id, id) != 1;
+        }
+    }
+
     cycle(0);
     Records afterIdle = ReadRecords(root.path(), {"roll/"});
     for (unsigned long long id = batchFirst; id <= batchLast; ++id) {
@@ -188,12 +204,15 @@ TEST(IoFaultTest, FailedWritesSyncsAndOpensLoseNoCommittedRecordAndTheStoreRecov
                 "failed cycle, each asked for alone=%d (in %d trials; the batch's last row %d "
                 "times, by ID only %d, by time only %d; whole-batch query short %d times); rows "
                 "still unflushed after a cycle without new "
-                "records=%d; committed records lost=%d stores not recovered=%d\n",
+                "records=%d; after a failed DBInfo update alone (%d trials) a restarted store "
+                "misses %d "
+                "batch rows; committed records lost=%d stores not recovered=%d\n",
                 OpName(op), rc == SQLITE_FULL ? "full disk" : "I/O error",
                 rc == SQLITE_FULL ? ", until cleared" : ", once", sum.trials, sum.injected,
                 sum.flushFailed, sum.dbinfoFailed, sum.attachFailed, sum.unfindable,
                 sum.trialsUnfindable, sum.missedLast, sum.missedByIDOnly, sum.missedByTimeOnly,
-                sum.wholeRangeMissed, sum.waitingRows, sum.lost, sum.stuck);
+                sum.wholeRangeMissed, sum.waitingRows, sum.dbinfoOnlyTrials, sum.missedAfterRestart,
+                sum.lost, sum.stuck);
             std::fflush(stdout);
             EXPECT_EQ(0, sum.lost) << OpName(op);
             EXPECT_EQ(0, sum.stuck) << OpName(op);
