@@ -78,6 +78,8 @@ TEST(ProcessKillTest, StoreKilledAtRandomMomentsKeepsEveryCommittedRecordAndResu
     const std::string dir = root.path() + "kill/";
     const int kills = FullRun() ? 100 : testutil::ScaledCount(12, 3);
     std::mt19937 rng(4242);
+    // Under an emulator the child needs longer to commit anything.
+    const unsigned slow = static_cast<unsigned>(1000 / testutil::ScaledCount(1000, 1));
     unsigned long long highest = 0;
     int lost = 0, twice = 0, failedRestarts = 0, resumed = 0;
     for (int k = 0; k < kills; ++k) {
@@ -90,7 +92,7 @@ TEST(ProcessKillTest, StoreKilledAtRandomMomentsKeepsEveryCommittedRecordAndResu
             RunChild(root.name(), dir, fds[1]);
         }
         close(fds[1]);
-        usleep(static_cast<useconds_t>(20000 + rng() % 150000));
+        usleep(static_cast<useconds_t>((20000 + rng() % 150000) * slow));
         ASSERT_EQ(0, kill(pid, SIGKILL));
         int status = 0;
         ASSERT_EQ(pid, waitpid(pid, &status, 0));
