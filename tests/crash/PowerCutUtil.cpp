@@ -158,12 +158,15 @@ Records Recorder::Required(size_t k) const {
 void Summary::Print(const std::string& what) const {
     std::printf(
         "power-cut summary (%s): trials=%d cuts in flush=%d split=%d retention=%d deferred=%d "
-        "other=%d; committed records lost=%d files lost=%d failed restarts=%d; "
-        "DBInfo claiming more than the file holds=%d\n",
+        "other=%d; committed records lost=%d (in %d cuts) files lost=%d failed restarts=%d; "
+        "DBInfo claiming more than the file holds=%d; cuts losing records by model: "
+        "synced-only %d/%d, everything %d/%d, random-sectors %d/%d\n",
         what.c_str(), trials, inPhase[static_cast<int>(Phase::Flush)],
         inPhase[static_cast<int>(Phase::Split)], inPhase[static_cast<int>(Phase::Retention)],
         inPhase[static_cast<int>(Phase::Deferred)], inPhase[static_cast<int>(Phase::None)],
-        recordsLost, filesLost, failedRestarts, dbinfoOverclaims);
+        recordsLost, cutsLosingRecords, filesLost, failedRestarts, dbinfoOverclaims,
+        losingByModel[0], cutsByModel[0], losingByModel[1], cutsByModel[1], losingByModel[2],
+        cutsByModel[2]);
     std::fflush(stdout);
 }
 
@@ -277,7 +280,12 @@ void CheckCut(crashsim::Replay& replay, const Recorder& rec, size_t k, crashsim:
     ++sum.inPhase[static_cast<int>(rec.PhaseAt(k))];
     const std::string what =
         "cut after " + std::to_string(k) + " events, " + crashsim::ModelName(model);
+    const int lostBefore = sum.recordsLost;
     CheckRestart(image.path(), image.name(), rec.Required(k), what, sum);
+    const bool lost = sum.recordsLost > lostBefore;
+    sum.cutsLosingRecords += lost;
+    ++sum.cutsByModel[static_cast<int>(model)];
+    sum.losingByModel[static_cast<int>(model)] += lost;
 }
 
 }  // namespace powercut

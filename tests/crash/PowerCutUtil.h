@@ -71,6 +71,9 @@ struct Summary {
     int trials = 0;
     int inPhase[static_cast<int>(Phase::Count)] = {};
     int recordsLost = 0;
+    int cutsLosingRecords = 0;
+    int cutsByModel[3] = {};
+    int losingByModel[3] = {};
     int filesLost = 0;
     int failedRestarts = 0;
     int dbinfoOverclaims = 0;
