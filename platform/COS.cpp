@@ -72,6 +72,12 @@ unsigned int ClampToUInt(unsigned long long value) {
     return value > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(value);
 }
 
+// The same for the directory that holds path.
+bool DirStaysOnItsMedium(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos || StaysOnItsMedium(path.substr(0, slash + 1));
+}
+
 }  // namespace
 
 namespace PlatformSimInternal {
@@ -135,11 +141,12 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
 // a link is seen (and deleted before a new file is made there).
 int CosFile::ExistFile(const std::string& path) {
     struct stat st;
-    return lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+    return lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && DirStaysOnItsMedium(path);
 }
 
+// Never through a directory on a medium that leads off it.
 int CosFile::Delete(const std::string& path) {
-    return unlink(path.c_str()) == 0;
+    return DirStaysOnItsMedium(path) && unlink(path.c_str()) == 0;
 }
 
 int CosFile::FileSize(const std::string& path, unsigned int& size) {

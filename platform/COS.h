@@ -34,7 +34,8 @@ public:
     // 1 when path names an existing entry other than a directory (a link
     // counts as itself, resolving or not).
     static int ExistFile(const std::string& path);
-    // Removes the file; non-zero on success.
+    // Removes the file; non-zero on success. Like ExistFile, refuses a path
+    // whose directory is on a medium but resolves off it (see IsDir).
     static int Delete(const std::string& path);
     // Size in bytes (clamped to 32 bits); non-zero on success, size left
     // unchanged on failure.

@@ -416,6 +416,7 @@ TEST_P(HostileMediaTest, StoreDirectoryLinkedToInternalFlashIsMissing) {
     Link(flash, MountOf(root) + "store");
     const auto before = Snapshot(flash);
     testutil::Conf& c = ConfFor(root);
+    c.conf.bClearOnReload = 0;  // rows stay buffered while the location is missing
     const int rc = RunGuarded([&] {
         SetMount(MountOf(root));
         DbData store;
