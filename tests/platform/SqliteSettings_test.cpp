@@ -81,8 +81,7 @@ TEST_F(SqliteSettingsTest, HugeValueIsRefused) {
     CppSQLite3DB db;
     db.open(":memory:");
     EXPECT_THROW(db.getTable("SELECT zeroblob(500000000)"), CppSQLite3Exception);
-    EXPECT_THROW(db.getTable("SELECT length(replace(zeroblob(10000000), x'00', 'ab'))"),
-                 CppSQLite3Exception);
+    EXPECT_THROW(db.getTable("SELECT hex(zeroblob(10000000))"), CppSQLite3Exception);
     EXPECT_EQ(1, db.getTable("SELECT printf('%.*c', 1000000, 'x')").numRows());
 }
 
