@@ -101,6 +101,20 @@ TEST_F(SqliteSettingsTest, EndlessStatementIsInterruptedAtTheTimeBound) {
     EXPECT_EQ(1, db.getTable("SELECT 1").numRows());
 }
 
+TEST_F(SqliteSettingsTest, StatementGrowingTheHeapPastTheBoundIsInterrupted) {
+    CppSQLite3DB db;
+    db.open(":memory:");
+    try {
+        db.execOne(
+            "CREATE TABLE big AS WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c "
+            "WHERE x < 2000000) SELECT x, randomblob(100) AS b FROM c");
+        ADD_FAILURE() << "not interrupted";
+    } catch (CppSQLite3Exception& e) {
+        EXPECT_EQ(SQLITE_INTERRUPT, e.errorCode());
+    }
+    EXPECT_LT(sqlite3_memory_used(), 256LL << 20);
+}
+
 TEST_F(SqliteSettingsTest, ExecOneRefusesASecondStatementBeforeRunningAny) {
     CppSQLite3DB db;
     db.open(":memory:");

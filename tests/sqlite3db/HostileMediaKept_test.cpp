@@ -27,7 +27,7 @@ void MakeStoreFile(const std::string& path, unsigned long long first, unsigned l
 
 using HostileMediaKeptTest = RollingStoreTest;
 
-TEST_F(HostileMediaKeptTest, CreateTextWithoutParenthesisThrowsFromSaveWithTheSaveLockHeld) {
+TEST_F(HostileMediaKeptTest, CreateTextWithoutParenthesisThrowsFromSaveAndLeavesTheStoreBlocked) {
     const std::string mount = dir_.path() + "sd/";
     CHmiMedia::SetSDPath(mount);
     testutil::Conf& c = NewConf("unused");

@@ -18,6 +18,7 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 #include "RollingStoreFixture.h"
 #include "Sqlite3DB/DbData/DbText.h"
@@ -29,7 +30,12 @@ namespace {
 namespace fs = std::filesystem;
 
 const char kCreateSql[] = "CREATE TABLE rec (id INTEGER PRIMARY KEY, t INTEGER, v VARCHAR(64))";
-const int kWatchdogSeconds = 60;  // generous for emulated runs; a hang never ends
+// Generous for emulated runs (scaled like the loops); a hang never ends.
+int WatchdogSeconds() {
+    const char* scale = std::getenv("SQLITE3DB_TEST_SCALE");
+    const int factor = scale ? std::atoi(scale) : 1;
+    return 60 * (factor > 1 ? factor : 1);
+}
 
 enum class Medium { Flash, SD, USB };
 
@@ -70,7 +76,7 @@ int RunGuarded(const std::function<void()>& body) {
     fflush(stderr);
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(kWatchdogSeconds);
+        alarm(WatchdogSeconds());
         int code = 0;
         try {
             body();
@@ -243,6 +249,11 @@ std::vector<Scenario> Scenarios() {
              MakeStoreFile(s + "rec_11.db' AS x;ATTACH 'pwned.db' AS p;CREATE TABLE p.t(x);--.db",
                            0, 0);
          }},
+        {"name_with_quote_is_the_current_file",
+         [](const std::string& s, const std::string&) {
+             MakeStoreFile(s + "rec_0.db", 1, 3);
+             MakeStoreFile(s + "rec_9'.db", 3, 5);
+         }},
         {"numbers_near_2_31",
          [](const std::string& s, const std::string&) {
              MakeStoreFile(s + "rec_2147483647.db", 1, 3);
@@ -258,8 +269,14 @@ std::vector<Scenario> Scenarios() {
     };
 }
 
-class HostileMediaTest : public RollingStoreTest, public ::testing::WithParamInterface<Medium> {
+// The medium, and the crafted case (an index into Scenarios()).
+using CaseParam = std::tuple<Medium, int>;
+
+class HostileMediaTest : public RollingStoreTest, public ::testing::WithParamInterface<CaseParam> {
 protected:
+    Medium Where() const { return std::get<0>(GetParam()); }
+    Scenario Case() const { return Scenarios()[static_cast<size_t>(std::get<1>(GetParam()))]; }
+
     // Root of one case: the sentinel tree ("outside/"), the medium's mount
     // point or flash directory, and an internal-flash store of another stem.
     std::string CaseRoot(const std::string& name) { return dir_.path() + name + "/"; }
@@ -272,20 +289,20 @@ protected:
         testutil::Conf& c = NewConf("unused");
         c.createSql = kCreateSql;
         c.conf.nMaxRecordNum = 15;  // rolls over every other cycle
-        if (GetParam() == Medium::Flash) {
+        if (Where() == Medium::Flash) {
             c.dirName = root.substr(std::string("/mnt/data/").size()) + "medium/store";
             c.conf.nStorePattern = 0;
         } else {
             c.dirName = "store";
-            c.conf.nStorePattern = GetParam() == Medium::SD ? 1 : 2;
+            c.conf.nStorePattern = Where() == Medium::SD ? 1 : 2;
         }
         return c;
     }
 
     void SetMount(const std::string& mount) {
-        if (GetParam() == Medium::SD) {
+        if (Where() == Medium::SD) {
             CHmiMedia::SetSDPath(mount);
-        } else if (GetParam() == Medium::USB) {
+        } else if (Where() == Medium::USB) {
             CHmiMedia::SetUdiskPath(mount);
         }
     }
@@ -387,26 +404,22 @@ protected:
 };
 
 TEST_P(HostileMediaTest, CraftedFilesPresentAtStartUp) {
-    for (const Scenario& sc : Scenarios()) {
-        RunCase(sc, false);
-    }
+    RunCase(Case(), false);
 }
 
 TEST_P(HostileMediaTest, CraftedFilesOnAMediumInsertedLater) {
-    if (GetParam() == Medium::Flash) {
+    if (Where() == Medium::Flash) {
         GTEST_SKIP() << "internal flash is not inserted";
     }
-    for (const Scenario& sc : Scenarios()) {
-        RunCase(sc, true);
-    }
+    RunCase(Case(), true);
 }
 
 // A store directory on the medium that is a link to internal flash reads as
 // missing: nothing is written or deleted there, and the rows stay buffered.
-TEST_P(HostileMediaTest, StoreDirectoryLinkedToInternalFlashIsMissing) {
-    if (GetParam() == Medium::Flash) {
-        GTEST_SKIP() << "links on internal flash are the panel's own";
-    }
+// On internal flash a directory link is the panel's own: only SD and USB.
+class HostileMediaDirectoryTest : public HostileMediaTest {};
+
+TEST_P(HostileMediaDirectoryTest, StoreDirectoryLinkedToInternalFlashIsMissing) {
     const std::string root = CaseRoot("dirlink");
     const std::string flash = root + "flash/";
     fs::create_directories(flash);
@@ -437,10 +450,20 @@ TEST_P(HostileMediaTest, StoreDirectoryLinkedToInternalFlashIsMissing) {
     EXPECT_EQ(before, Snapshot(flash));
 }
 
-INSTANTIATE_TEST_SUITE_P(Media, HostileMediaTest,
-                         ::testing::Values(Medium::Flash, Medium::SD, Medium::USB),
-                         [](const ::testing::TestParamInfo<Medium>& info) {
-                             return std::string(MediumName(info.param));
+INSTANTIATE_TEST_SUITE_P(
+    Media, HostileMediaTest,
+    ::testing::Combine(::testing::Values(Medium::Flash, Medium::SD, Medium::USB),
+                       ::testing::Range(0, static_cast<int>(Scenarios().size()))),
+    [](const ::testing::TestParamInfo<CaseParam>& info) {
+        return std::string(MediumName(std::get<0>(info.param))) + "_" +
+               Scenarios()[static_cast<size_t>(std::get<1>(info.param))].name;
+    });
+
+INSTANTIATE_TEST_SUITE_P(Media, HostileMediaDirectoryTest,
+                         ::testing::Combine(::testing::Values(Medium::SD, Medium::USB),
+                                            ::testing::Values(0)),
+                         [](const ::testing::TestParamInfo<CaseParam>& info) {
+                             return std::string(MediumName(std::get<0>(info.param)));
                          });
 
 }  // namespace
