@@ -77,4 +77,27 @@ TEST_F(HostileMediaKeptTest, RejectedFileIsDeletedWhenTheRollOverReachesItsNumbe
     EXPECT_EQ(0, RowCount(dir + "rec_1.db"));  // made afresh: the old content is gone
 }
 
+TEST_F(HostileMediaKeptTest, NumberFromTwoToTheThirtyOneOnWritesTheRangeIntoASignedName) {
+    testutil::Conf& c = NewConf("s");
+    const std::string dir = SaveDir("s");
+    std::filesystem::create_directories(dir);
+    MakeStoreFile(dir + "rec_2147483648.db", 1, 3);
+    DbData& store = MakeStore(c);
+    ASSERT_EQ(1u, store.m_vecFileInfo.size());
+    QueueRecords(store, 4, 6);
+    store.Save(FreshTickBase());
+    EXPECT_EQ(6, RowCount(dir + "rec_2147483648.db"));  // the rows go by the catalogued name
+    EXPECT_TRUE(testutil::FileExists(dir + "rec_-2147483648.db"));  // DBInfo by the rebuilt one
+    EXPECT_EQ(3u, ReadDBInfo(dir + "rec_2147483648.db").maxID);
+}
+
+TEST_F(HostileMediaKeptTest, StemThatPrefixesAnotherStoresStemDeletesItsFiles) {
+    testutil::Conf& c = NewConf("s");
+    const std::string dir = SaveDir("s");
+    std::filesystem::create_directories(dir);
+    testutil::RawExec(dir + "record_0.db", "CREATE TABLE record (id INTEGER PRIMARY KEY)");
+    MakeStore(c);
+    EXPECT_FALSE(testutil::FileExists(dir + "record_0.db"));
+}
+
 }  // namespace
