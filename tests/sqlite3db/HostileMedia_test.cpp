@@ -407,10 +407,10 @@ TEST_P(HostileMediaTest, CraftedFilesPresentAtStartUp) {
     RunCase(Case(), false);
 }
 
-TEST_P(HostileMediaTest, CraftedFilesOnAMediumInsertedLater) {
-    if (Where() == Medium::Flash) {
-        GTEST_SKIP() << "internal flash is not inserted";
-    }
+// Only removable media are inserted.
+class HostileMediaInsertedTest : public HostileMediaTest {};
+
+TEST_P(HostileMediaInsertedTest, CraftedFilesOnAMediumInsertedLater) {
     RunCase(Case(), true);
 }
 
@@ -458,6 +458,15 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(MediumName(std::get<0>(info.param))) + "_" +
                Scenarios()[static_cast<size_t>(std::get<1>(info.param))].name;
     });
+
+INSTANTIATE_TEST_SUITE_P(Media, HostileMediaInsertedTest,
+                         ::testing::Combine(::testing::Values(Medium::SD, Medium::USB),
+                                            ::testing::Range(0,
+                                                             static_cast<int>(Scenarios().size()))),
+                         [](const ::testing::TestParamInfo<CaseParam>& info) {
+                             return std::string(MediumName(std::get<0>(info.param))) + "_" +
+                                    Scenarios()[static_cast<size_t>(std::get<1>(info.param))].name;
+                         });
 
 INSTANTIATE_TEST_SUITE_P(Media, HostileMediaDirectoryTest,
                          ::testing::Combine(::testing::Values(Medium::SD, Medium::USB),
