@@ -38,8 +38,8 @@ unsigned long long NowMs() {
 }
 
 // Non-zero interrupts the statement (SQLITE_INTERRUPT). Work that did not
-// come through StepGuard (schema loading inside a prepare) is timed from the
-// first check that sees it.
+// come through a StepGuard (a prepare outside CBBSQL's helpers) is timed from
+// the first check that sees it until the next guarded step.
 int Progress(void* /*unused*/) {
     if (t_step.ms == 0) {
         t_step.ms = NowMs();
