@@ -10,19 +10,19 @@
 #include "COS.h"
 
 namespace PlatformSim {
-void Reset();                                   // real clocks and disk again; captures emptied;
-                                                // SD and USB paths cleared
-void SetTickCount(unsigned long long ms);       // COS::CosTime::GetTickCountCos() returns ms
-void AdvanceTickCount(unsigned long long ms);   // adds to the fixed tick (fixes it first if real)
-void SetTimeStamp(unsigned long long ts);       // COS::CosTime::GetTimeStamp() returns ts
-void SetDiskFreeSize(unsigned int value);       // COS::CosOsState::GetDiskFreeSize returns value
-std::vector<std::string> TakeLogLines();        // texts written by FormatPrintUtf8 since the
-                                                // last take, one entry per call, exactly as
-                                                // formatted ("\r\n" included)
-void SetStatementTimeLimitMs(unsigned int ms);  // bound of one statement step; 0: the
-                                                // default (30 s); Reset restores it
-std::vector<std::string> TakeMessages();        // texts posted with MessageMoude::InsertMsg
-                                                // since the last take
+void Reset();                                  // real clocks and disk again; captures emptied;
+                                               // SD and USB paths cleared
+void SetTickCount(unsigned long long ms);      // COS::CosTime::GetTickCountCos() returns ms
+void AdvanceTickCount(unsigned long long ms);  // adds to the fixed tick (fixes it first if real)
+void SetTimeStamp(unsigned long long ts);      // COS::CosTime::GetTimeStamp() returns ts
+void SetDiskFreeSize(unsigned int value);      // COS::CosOsState::GetDiskFreeSize returns value
+std::vector<std::string> TakeLogLines();       // texts written by FormatPrintUtf8 since the
+                                               // last take, one entry per call, exactly as
+                                               // formatted ("\r\n" included)
+std::vector<std::string> TakeMessages();       // texts posted with MessageMoude::InsertMsg
+                                               // since the last take
+// Bound of one statement step (0: the default, 30 s); Reset restores it.
+void SetStatementTimeLimitMs(unsigned int ms);
 }  // namespace PlatformSim
 
 #endif  // PLATFORM_PLATFORMSIM_H_
