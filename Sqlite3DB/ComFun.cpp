@@ -115,3 +115,15 @@ void ComFun_SplitString(const std::string& src, const std::string& sep,
         parts.push_back(src.substr(start));
     }
 }
+
+std::string ComFun_SqlEscape(const std::string& value, char quote) {
+    std::string out;
+    out.reserve(value.size() + 2);
+    for (char c : value) {
+        out += c;
+        if (c == quote) {
+            out += c;
+        }
+    }
+    return out;
+}

@@ -36,4 +36,9 @@ void ComFun_GetFirstPath(const std::string& src, std::string& out);
 void ComFun_SplitString(const std::string& src, const std::string& sep,
                         std::vector<std::string>& parts);
 
+// value with every quote byte doubled: put between two quotes in a statement,
+// it stays one literal (or name) whatever it holds. Every file name, path or
+// configured name enters the store's SQL through here.
+std::string ComFun_SqlEscape(const std::string& value, char quote = '\'');
+
 #endif  // SQLITE3DB_COMFUN_H_

@@ -19,6 +19,7 @@ const char kNoStatement[] = "no statement in the SQL text";
 const char kNullQuery[] = "query has no statement";
 const char kBadField[] = "field index out of range";
 const char kBadRow[] = "row index out of range";
+const char kNotOneStatement[] = "more than one statement in the SQL text";
 
 struct StmtFinalizer {
     void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
@@ -31,6 +32,7 @@ using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
 
 // Steps once; true on a row, false when done, throws on an engine error.
 bool Step(sqlite3* db, sqlite3_stmt* stmt) {
+    StepGuard timed;
     int rc = sqlite3_step(stmt);
     if (rc == SQLITE_ROW) {
         return true;
@@ -231,7 +233,7 @@ void CppSQLite3DB::open(const char* path) {
         throw CppSQLite3Exception(SQLITE_MISUSE, "no database path");
     }
     sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(path, &db, ConnectionOpenFlags(true), nullptr);
+    int rc = sqlite3_open_v2(path, &db, ConnectionOpenFlags(true), ConnectionVfs());
     if (rc != SQLITE_OK) {
         CppSQLite3Exception error(rc, db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
         sqlite3_close_v2(db);
@@ -246,7 +248,7 @@ int CppSQLite3DB::openWithoutCreate(const char* path) {
         return 0;
     }
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path, &db, ConnectionOpenFlags(false), nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(path, &db, ConnectionOpenFlags(false), ConnectionVfs()) != SQLITE_OK) {
         sqlite3_close_v2(db);
         return 0;
     }
@@ -292,6 +294,33 @@ int CppSQLite3DB::execDML(const char* sql) {
         }
     }
     return sqlite3_total_changes(m_pDB) - before;
+}
+
+// For statements formatted from file names and paths: a text that holds a
+// second statement is refused before anything runs.
+int CppSQLite3DB::execOne(const char* sql) {
+    checkDB();
+    if (!sql) {
+        throw CppSQLite3Exception(SQLITE_MISUSE, kNoStatement);
+    }
+    StmtPtr stmt(prepare(sql, &sql));
+    if (!stmt) {
+        throw CppSQLite3Exception(SQLITE_MISUSE, kNoStatement);
+    }
+    while (*sql) {
+        const char* before = sql;
+        StmtPtr rest(prepare(sql, &sql));
+        if (rest) {
+            throw CppSQLite3Exception(SQLITE_MISUSE, kNotOneStatement);
+        }
+        if (sql == before) {
+            break;
+        }
+    }
+    int changes = sqlite3_total_changes(m_pDB);
+    while (Step(m_pDB, stmt.get())) {
+    }
+    return sqlite3_total_changes(m_pDB) - changes;
 }
 
 CppSQLite3Query CppSQLite3DB::execQuery(const char* sql) {
@@ -353,14 +382,24 @@ sqlite3_stmt* CppSQLite3DB::compile(const char* sql) {
     if (!sql) {
         throw CppSQLite3Exception(SQLITE_MISUSE, kNoStatement);
     }
+    sqlite3_stmt* stmt = prepare(sql, nullptr);
+    if (!stmt) {
+        throw CppSQLite3Exception(SQLITE_MISUSE, kNoStatement);
+    }
+    return stmt;
+}
+
+// Compiles the first statement of sql (null when there is none); throws.
+sqlite3_stmt* CppSQLite3DB::prepare(const char* sql, const char** tail) {
     sqlite3_stmt* stmt = nullptr;
-    int rc = sqlite3_prepare_v2(m_pDB, sql, -1, &stmt, nullptr);
+    int rc;
+    {
+        StepGuard timed;  // loading a file's schema runs statements too
+        rc = sqlite3_prepare_v2(m_pDB, sql, -1, &stmt, tail);
+    }
     if (rc != SQLITE_OK) {
         sqlite3_finalize(stmt);
         ThrowEngineError(m_pDB, rc);
-    }
-    if (!stmt) {
-        throw CppSQLite3Exception(SQLITE_MISUSE, kNoStatement);
     }
     return stmt;
 }

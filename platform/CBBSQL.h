@@ -106,6 +106,9 @@ public:
 
     // Runs every statement of the text; returns the rows they changed.
     int execDML(const char* sql);
+    // Runs the one statement of the text; throws, running nothing, when the
+    // text holds more than one. Returns the rows it changed.
+    int execOne(const char* sql);
     // Runs the first statement of the text; the cursor is on its first row.
     CppSQLite3Query execQuery(const char* sql);
     CppSQLite3Table getTable(const char* sql);
@@ -115,6 +118,7 @@ private:
     void setUp(sqlite3* db);
     void checkDB() const;
     sqlite3_stmt* compile(const char* sql);
+    sqlite3_stmt* prepare(const char* sql, const char** tail);
 
     sqlite3* m_pDB;
 };

@@ -12,11 +12,54 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <vector>
 
+#include "CHmiMedia.h"
 #include "PlatformSimInternal.h"
 
 namespace {
+
+// Only plain files are listed: a link, FIFO, device or directory named like a
+// DB file could make SQLite block, or read and write somewhere else.
+bool IsRegularEntry(const std::string& dir, const std::string& name) {
+    std::string path = dir;
+    if (!path.empty() && path.back() != '/') {
+        path += '/';
+    }
+    struct stat st;
+    return lstat((path + name).c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// The resolved form of path, or empty when it does not resolve.
+std::string RealPath(const std::string& path) {
+    char* resolved = realpath(path.c_str(), nullptr);
+    if (!resolved) {
+        return std::string();
+    }
+    std::string out = resolved;
+    free(resolved);
+    return out;
+}
+
+// False for a path on a removable medium (below its mount point) that
+// resolves outside that medium: a stick may carry a link to internal flash.
+bool StaysOnItsMedium(const std::string& path) {
+    for (const std::string& mount : {CHmiMedia::getSDPath(), CHmiMedia::getUdiskPath()}) {
+        if (mount.empty() || path.compare(0, mount.size(), mount) != 0) {
+            continue;
+        }
+        const std::string root = RealPath(mount);
+        const std::string real = RealPath(path);
+        if (root.empty() || real.empty()) {
+            return false;
+        }
+        if (real != root && real.compare(0, root.size() + 1, root + "/") != 0) {
+            return false;
+        }
+    }
+    return true;
+}
 
 unsigned long long ClockMs(clockid_t clock) {
     struct timespec ts;
@@ -27,6 +70,12 @@ unsigned long long ClockMs(clockid_t clock) {
 
 unsigned int ClampToUInt(unsigned long long value) {
     return value > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(value);
+}
+
+// The same for the directory that holds path.
+bool DirStaysOnItsMedium(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos || StaysOnItsMedium(path.substr(0, slash + 1));
 }
 
 }  // namespace
@@ -45,7 +94,7 @@ namespace COS {
 
 int CosDir::IsDir(const std::string& path) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && StaysOnItsMedium(path);
 }
 
 int CosDir::MakeDir(const std::string& path) {
@@ -76,7 +125,7 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
         if (name == "." || name == "..") {
             continue;
         }
-        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0) {
+        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0 && IsRegularEntry(dir, name)) {
             found.push_back(name);
         }
     }
@@ -88,12 +137,18 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
 
 // --- CosFile ------------------------------------------------------------------
 
+// A link counts as the entry it is, dangling or not, so that a name taken by
+// a link is seen (and deleted before a new file is made there).
 int CosFile::ExistFile(const std::string& path) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+    return lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && DirStaysOnItsMedium(path);
 }
 
+// Never through a directory on a medium that leads off it.
 int CosFile::Delete(const std::string& path) {
+    if (!DirStaysOnItsMedium(path)) {
+        return 0;
+    }
     if (PlatformSim::FileOpHook hook = PlatformSimInternal::FileDeleteHook()) {
         return hook(path);  // a power-cut test records the deletion
     }

@@ -13,13 +13,16 @@ namespace COS {
 
 class CosDir {
 public:
-    // Non-zero when path names an existing directory.
+    // Non-zero when path names an existing directory. A path below the mount
+    // point of the SD card or USB disk counts only while it resolves to a
+    // place on that medium (a link to elsewhere reads as missing).
     static int IsDir(const std::string& path);
     // Creates the directory and any missing parents; non-zero on success
     // (also when it already exists).
     static int MakeDir(const std::string& path);
-    // Appends to names the bare names of the entries directly in dir that
-    // match the shell wildcard pattern (case-sensitive), sorted by name.
+    // Appends to names the bare names of the regular files (not links,
+    // FIFOs, devices or directories) directly in dir that match the shell
+    // wildcard pattern (case-sensitive), sorted by name.
     // The int argument is kept for the panel's signature and selects nothing.
     // Returns 0 when the directory cannot be read.
     static int ListDir(const std::string& dir, int flags, std::string pattern,
@@ -28,9 +31,11 @@ public:
 
 class CosFile {
 public:
-    // 1 when path names an existing file.
+    // 1 when path names an existing entry other than a directory (a link
+    // counts as itself, resolving or not).
     static int ExistFile(const std::string& path);
-    // Removes the file; non-zero on success.
+    // Removes the file; non-zero on success. Like ExistFile, refuses a path
+    // whose directory is on a medium but resolves off it (see IsDir).
     static int Delete(const std::string& path);
     // Size in bytes (clamped to 32 bits); non-zero on success, size left
     // unchanged on failure.

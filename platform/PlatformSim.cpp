@@ -62,6 +62,7 @@ void Reset() {
     }
     CHmiMedia::SetSDPath("");
     CHmiMedia::SetUdiskPath("");
+    SetStatementTimeLimitMs(0);
 }
 
 void SetTickCount(unsigned long long ms) {

@@ -29,6 +29,8 @@ std::vector<std::string> TakeMessages();       // texts posted with MessageMoude
 // directory syncs after a commit go to these instead of the OS, so that a test
 // of power cuts sees every change to a store's directory; nullptr: the OS.
 void SetFileOpHooks(FileOpHook deleteFile, FileOpHook syncDir);
+// Bound of one statement step (0: the default, 30 s); Reset restores it.
+void SetStatementTimeLimitMs(unsigned int ms);
 }  // namespace PlatformSim
 
 #endif  // PLATFORM_PLATFORMSIM_H_

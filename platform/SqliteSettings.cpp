@@ -3,20 +3,136 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "PlatformSim.h"
 #include "PlatformSimInternal.h"
-
-namespace CBBSQL {
 
 namespace {
 
+// Bounds of one step of one statement (see docs/DESIGN.md, "Hostile media").
+const unsigned int kStatementTimeLimitMs = 30000;        // wall time of one step
+const sqlite3_int64 kStatementMemoryLimit = 64LL << 20;  // SQLite heap growth in one step
+const int kValueLengthLimit = 16 << 20;                  // one string, blob or row
+const int kSqlLengthLimit = 1 << 20;                     // one statement's text
+const int kProgressInterval = 1000;                      // VM steps between checks
+
+std::atomic<unsigned int> s_timeLimitMs{kStatementTimeLimitMs};
+
+// What the step running on this thread started with; 0 ms: no step is timed.
+struct StepStart {
+    unsigned long long ms = 0;
+    sqlite3_int64 memory = 0;
+};
+thread_local StepStart t_step;
+
+unsigned long long NowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<unsigned long long>(ts.tv_sec) * 1000ULL +
+           static_cast<unsigned long long>(ts.tv_nsec) / 1000000ULL;
+}
+
+// Non-zero interrupts the statement (SQLITE_INTERRUPT). Work that did not
+// come through a StepGuard (a prepare outside CBBSQL's helpers) is timed from
+// the first check that sees it until the next guarded step.
+int Progress(void* /*unused*/) {
+    if (t_step.ms == 0) {
+        t_step.ms = NowMs();
+        t_step.memory = sqlite3_memory_used();
+        return 0;
+    }
+    if (NowMs() - t_step.ms > s_timeLimitMs.load(std::memory_order_relaxed)) {
+        return 1;
+    }
+    return sqlite3_memory_used() - t_step.memory > kStatementMemoryLimit ? 1 : 0;
+}
+
+// --- A file system shim under every connection ---------------------------
+// The engine follows links when it opens a journal, and a FIFO named like a DB
+// file blocks its reads. The shim opens only regular files: a main file that is
+// anything else is refused, and a side file (-journal, -wal, -shm) that is a
+// link or a special file is removed (the entry, never its target) so that the
+// engine makes a plain one in its place.
+const char kVfsName[] = "sqlite3db-plain-files";
+sqlite3_vfs s_vfs;
+sqlite3_vfs* s_base = nullptr;
+
+// 1: a regular file; 0: nothing there; -1: a link, directory or special file.
+int EntryKind(const std::string& path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+        return 0;
+    }
+    return S_ISREG(st.st_mode) ? 1 : -1;
+}
+
+bool EndsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// Only side files are ever removed here.
+void RemoveIfNotPlain(const std::string& path) {
+    if ((EndsWith(path, "-journal") || EndsWith(path, "-wal") || EndsWith(path, "-shm")) &&
+        EntryKind(path) < 0) {
+        unlink(path.c_str());  // a directory stays and makes the open fail
+    }
+}
+
+int PlainOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags, int* out) {
+    if (name) {
+        const std::string path = name;
+        if (flags & SQLITE_OPEN_MAIN_DB) {
+            if (EntryKind(path) < 0) {
+                file->pMethods = nullptr;
+                return SQLITE_CANTOPEN;
+            }
+            for (const char* side : {"-journal", "-wal", "-shm"}) {
+                RemoveIfNotPlain(path + side);
+            }
+        } else {
+            RemoveIfNotPlain(path);
+        }
+    }
+    sqlite3_vfs* base = static_cast<sqlite3_vfs*>(vfs->pAppData);
+    return base->xOpen(base, name, file, flags, out);
+}
+
+int PlainAccess(sqlite3_vfs* vfs, const char* name, int flags, int* out) {
+    if (name) {
+        RemoveIfNotPlain(name);
+    }
+    sqlite3_vfs* base = static_cast<sqlite3_vfs*>(vfs->pAppData);
+    return base->xAccess(base, name, flags, out);
+}
+
+// Wraps the default file system of the moment the first connection opens
+// (a host's own default, installed before that, stays underneath).
+void RegisterVfs() {
+    s_base = sqlite3_vfs_find(nullptr);
+    s_vfs = *s_base;
+    s_vfs.iVersion = s_base->iVersion < 3 ? s_base->iVersion : 3;
+    s_vfs.pNext = nullptr;
+    s_vfs.zName = kVfsName;
+    s_vfs.pAppData = s_base;
+    s_vfs.xOpen = PlainOpen;
+    s_vfs.xAccess = PlainAccess;
+    sqlite3_vfs_register(&s_vfs, 0);
+}
+
+// --- Directory syncs after a commit to an attached file -------------------
+
 // Directories of attached files whose commit has deleted a journal that no
-// directory sync has yet made permanent. A commit and the end of its statement
-// run on the same thread inside one sqlite3_step.
+// directory sync has yet made permanent. A commit and the end of its step run
+// on the same thread.
 thread_local std::vector<std::string> t_dirsToSync;
 
 int SyncDirectory(const std::string& dir) {
@@ -55,21 +171,31 @@ int OnCommit(void* arg) {
     return 0;  // the commit goes ahead
 }
 
-// After a statement ends, its commit (journal deleted) is complete: sync the
+// After the step that committed (its journal is deleted by then): sync the
 // noted directories so that a power cut cannot bring the journal back.
-int OnStatementEnd(unsigned /*type*/, void* /*ctx*/, void* /*stmt*/, void* /*ns*/) {
+void SyncCommittedDirectories() {
     std::vector<std::string> dirs;
     dirs.swap(t_dirsToSync);
     for (const std::string& dir : dirs) {
         SyncDirectory(dir);
     }
-    return 0;
 }
 
 }  // namespace
 
+namespace CBBSQL {
+
+const char* ConnectionVfs() {
+    static std::once_flag once;
+    std::call_once(once, RegisterVfs);
+    return kVfsName;
+}
+
+// Links are never followed: a store file that is a link is refused by the
+// engine, and so is a file attached through a connection opened this way
+// (ATTACH inherits the main connection's flags).
 int ConnectionOpenFlags(bool create) {
-    return SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
+    return SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | (create ? SQLITE_OPEN_CREATE : 0);
 }
 
 // A commit in the default DELETE journal mode ends by unlinking the journal;
@@ -77,13 +203,47 @@ int ConnectionOpenFlags(bool create) {
 // the next open rolls the committed transaction back. EXTRA syncs the
 // directory after that unlink for the main file. An attached file (the flush)
 // always starts at FULL whatever the connection's setting, so the platform
-// syncs its directory itself after each commit that wrote it.
+// syncs its directory itself after each step whose commit wrote it.
 void ApplyDurability(sqlite3* db) {
     sqlite3_exec(db, "PRAGMA synchronous=EXTRA", nullptr, nullptr, nullptr);
     sqlite3_commit_hook(db, OnCommit, db);
-    sqlite3_trace_v2(db, SQLITE_TRACE_PROFILE, OnStatementEnd, nullptr);
 }
 
-void ApplyHardening(sqlite3* /*db*/) {}
+// A file from a medium may carry schema code of its own: triggers, views,
+// generated columns, unsafe functions. None of it runs here: triggers and views
+// stored in a database are switched off (TEMP ones of the connection still
+// work), untrusted schema may call no function with side effects, and the
+// file's structure cannot be written around the engine.
+void ApplyHardening(sqlite3* db) {
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, kValueLengthLimit);
+    sqlite3_limit(db, SQLITE_LIMIT_SQL_LENGTH, kSqlLengthLimit);
+    sqlite3_progress_handler(db, kProgressInterval, Progress, nullptr);
+}
+
+// The bounds start at the first progress check of the step, so that the short
+// statements of a batch of inserts never read the clock.
+StepGuard::StepGuard() {
+    t_step.ms = 0;
+}
+
+StepGuard::~StepGuard() {
+    t_step.ms = 0;
+    if (!t_dirsToSync.empty()) {
+        SyncCommittedDirectories();
+    }
+}
 
 }  // namespace CBBSQL
+
+namespace PlatformSim {
+
+void SetStatementTimeLimitMs(unsigned int ms) {
+    s_timeLimitMs.store(ms == 0 ? kStatementTimeLimitMs : ms, std::memory_order_relaxed);
+}
+
+}  // namespace PlatformSim

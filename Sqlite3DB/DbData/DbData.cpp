@@ -113,7 +113,7 @@ int DbData::ClearMemDbFile() {
     char sql[dbtext::kTextBufferSize];
     snprintf(sql, sizeof(sql), dbtext::kDeleteAllSql, m_strTableName.c_str());
     try {
-        m_pMemDB->execDML(sql);
+        m_pMemDB->execOne(sql);
     } catch (CppSQLite3Exception&) {
         return 0;  // reported by the result only
     }

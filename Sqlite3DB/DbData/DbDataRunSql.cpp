@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "MessageMoude.h"
+#include "Sqlite3DB/ComFun.h"
 #include "Sqlite3DB/DbData/DbData.h"
 #include "Sqlite3DB/DbData/DbText.h"
 
@@ -50,7 +51,8 @@ int DbData::ReadDbInfo(const std::string& path, unsigned long long* maxID,
     try {
         CppSQLite3DB db;
         db.open(path.c_str());
-        std::string sql = dbtext::kTableDefinitionSql + m_strTableName + "\";";
+        std::string sql =
+            dbtext::kTableDefinitionSql + ComFun_SqlEscape(m_strTableName, '"') + "\";";
         CppSQLite3Query query = db.execQuery(sql.c_str());
         if (query.eof()) {
             // Not the store's file at all: it goes, whatever else it holds.
@@ -179,8 +181,8 @@ int DbData::FlushDB() {
         current.SetEndID(m_nMemMaxID);
         UpdateFileDBInfo();
         UpdateDBMemoryInfo_out();
-        m_pMemDB->execDML(copySql);
-        m_pMemDB->execDML(deleteSql);
+        m_pMemDB->execOne(copySql);
+        m_pMemDB->execOne(deleteSql);
     } catch (CppSQLite3Exception& e) {
         DetachDbDB();
         DB_LOG(dbtext::kLogFlushDB, e.errorMessage());
@@ -199,9 +201,12 @@ int DbData::AttachDbDB() {
         return 0;
     }
     char sql[dbtext::kTextBufferSize];
-    snprintf(sql, sizeof(sql), dbtext::kAttachSql, path.c_str(), dbtext::kAttachAlias);
+    // The path comes from a file name on the medium: it stays one literal and
+    // one statement.
+    snprintf(sql, sizeof(sql), dbtext::kAttachSql, ComFun_SqlEscape(path).c_str(),
+             dbtext::kAttachAlias);
     try {
-        m_pMemDB->execDML(sql);
+        m_pMemDB->execOne(sql);
         unsigned int size = 0;
         COS::CosFile::FileSize(path, size);
     } catch (CppSQLite3Exception& e) {
@@ -219,7 +224,7 @@ int DbData::DetachDbDB() {
     char sql[dbtext::kTextBufferSize];
     snprintf(sql, sizeof(sql), dbtext::kDetachSql, dbtext::kAttachAlias);
     try {
-        m_pMemDB->execDML(sql);
+        m_pMemDB->execOne(sql);
     } catch (CppSQLite3Exception& e) {
         DB_LOG(dbtext::kLogDetachDbDB, e.errorMessage());
         return 0;
