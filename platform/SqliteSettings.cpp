@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -62,8 +64,19 @@ int Progress(void* /*unused*/) {
 // link or a special file is removed (the entry, never its target) so that the
 // engine makes a plain one in its place.
 const char kVfsName[] = "sqlite3db-plain-files";
-sqlite3_vfs s_vfs;
-sqlite3_vfs* s_base = nullptr;
+
+// One shim per default file system seen at an open (a host's or a test's own
+// default stays underneath), kept for the life of the process.
+struct Shim {
+    sqlite3_vfs vfs;
+    std::string name;
+};
+std::mutex s_shimMutex;
+std::map<sqlite3_vfs*, std::unique_ptr<Shim>> s_shims;  // guarded by s_shimMutex
+
+sqlite3_vfs* Base(sqlite3_vfs* vfs) {
+    return static_cast<sqlite3_vfs*>(vfs->pAppData);
+}
 
 // 1: a regular file; 0: nothing there; -1: a link, directory or special file.
 int EntryKind(const std::string& path) {
@@ -102,30 +115,77 @@ int PlainOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags,
             RemoveIfNotPlain(path);
         }
     }
-    sqlite3_vfs* base = static_cast<sqlite3_vfs*>(vfs->pAppData);
-    return base->xOpen(base, name, file, flags, out);
+    return Base(vfs)->xOpen(Base(vfs), name, file, flags, out);
 }
 
 int PlainAccess(sqlite3_vfs* vfs, const char* name, int flags, int* out) {
     if (name) {
         RemoveIfNotPlain(name);
     }
-    sqlite3_vfs* base = static_cast<sqlite3_vfs*>(vfs->pAppData);
-    return base->xAccess(base, name, flags, out);
+    return Base(vfs)->xAccess(Base(vfs), name, flags, out);
 }
 
-// Wraps the default file system of the moment the first connection opens
-// (a host's own default, installed before that, stays underneath).
-void RegisterVfs() {
-    s_base = sqlite3_vfs_find(nullptr);
-    s_vfs = *s_base;
-    s_vfs.iVersion = s_base->iVersion < 3 ? s_base->iVersion : 3;
-    s_vfs.pNext = nullptr;
-    s_vfs.zName = kVfsName;
-    s_vfs.pAppData = s_base;
-    s_vfs.xOpen = PlainOpen;
-    s_vfs.xAccess = PlainAccess;
-    sqlite3_vfs_register(&s_vfs, 0);
+// The other calls go to the file system underneath, as itself.
+int PlainDelete(sqlite3_vfs* vfs, const char* name, int dirSync) {
+    return Base(vfs)->xDelete(Base(vfs), name, dirSync);
+}
+int PlainFullPathname(sqlite3_vfs* vfs, const char* name, int size, char* out) {
+    return Base(vfs)->xFullPathname(Base(vfs), name, size, out);
+}
+void* PlainDlOpen(sqlite3_vfs* vfs, const char* name) {
+    return Base(vfs)->xDlOpen(Base(vfs), name);
+}
+void PlainDlError(sqlite3_vfs* vfs, int size, char* out) {
+    Base(vfs)->xDlError(Base(vfs), size, out);
+}
+void (*PlainDlSym(sqlite3_vfs* vfs, void* handle, const char* symbol))(void) {
+    return Base(vfs)->xDlSym(Base(vfs), handle, symbol);
+}
+void PlainDlClose(sqlite3_vfs* vfs, void* handle) {
+    Base(vfs)->xDlClose(Base(vfs), handle);
+}
+int PlainRandomness(sqlite3_vfs* vfs, int size, char* out) {
+    return Base(vfs)->xRandomness(Base(vfs), size, out);
+}
+int PlainSleep(sqlite3_vfs* vfs, int micros) {
+    return Base(vfs)->xSleep(Base(vfs), micros);
+}
+int PlainCurrentTime(sqlite3_vfs* vfs, double* out) {
+    return Base(vfs)->xCurrentTime(Base(vfs), out);
+}
+int PlainGetLastError(sqlite3_vfs* vfs, int size, char* out) {
+    return Base(vfs)->xGetLastError ? Base(vfs)->xGetLastError(Base(vfs), size, out) : 0;
+}
+int PlainCurrentTimeInt64(sqlite3_vfs* vfs, sqlite3_int64* out) {
+    return Base(vfs)->xCurrentTimeInt64(Base(vfs), out);
+}
+
+// Version 2 at most: the system-call overrides of version 3 stay the base's.
+std::unique_ptr<Shim> MakeShim(sqlite3_vfs* base, size_t number) {
+    std::unique_ptr<Shim> shim(new Shim);
+    shim->name = std::string(kVfsName) + "-" + std::to_string(number);
+    sqlite3_vfs& vfs = shim->vfs;
+    vfs = sqlite3_vfs{};
+    vfs.iVersion = base->iVersion >= 2 && base->xCurrentTimeInt64 ? 2 : 1;
+    vfs.szOsFile = base->szOsFile;
+    vfs.mxPathname = base->mxPathname;
+    vfs.zName = shim->name.c_str();
+    vfs.pAppData = base;
+    vfs.xOpen = PlainOpen;
+    vfs.xDelete = PlainDelete;
+    vfs.xAccess = PlainAccess;
+    vfs.xFullPathname = PlainFullPathname;
+    vfs.xDlOpen = PlainDlOpen;
+    vfs.xDlError = PlainDlError;
+    vfs.xDlSym = PlainDlSym;
+    vfs.xDlClose = PlainDlClose;
+    vfs.xRandomness = PlainRandomness;
+    vfs.xSleep = PlainSleep;
+    vfs.xCurrentTime = PlainCurrentTime;
+    vfs.xGetLastError = PlainGetLastError;
+    vfs.xCurrentTimeInt64 = PlainCurrentTimeInt64;
+    sqlite3_vfs_register(&vfs, 0);
+    return shim;
 }
 
 // --- Directory syncs after a commit to an attached file -------------------
@@ -186,11 +246,14 @@ void SyncCommittedDirectories() {
 namespace CBBSQL {
 
 const char* ConnectionVfs() {
-    static std::once_flag once;
-    std::call_once(once, RegisterVfs);
-    return kVfsName;
+    sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
+    std::lock_guard<std::mutex> lock(s_shimMutex);
+    std::unique_ptr<Shim>& shim = s_shims[base];
+    if (!shim) {
+        shim = MakeShim(base, s_shims.size());
+    }
+    return shim->name.c_str();
 }
-
 // Links are never followed: a store file that is a link is refused by the
 // engine, and so is a file attached through a connection opened this way
 // (ATTACH inherits the main connection's flags).
