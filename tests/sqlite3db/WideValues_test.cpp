@@ -168,6 +168,26 @@ protected:
     }
 };
 
+// The same numbers on every target: where long has 32 bits, a plain "%d"
+// would read every number from 2^31 on as 2^31 - 1.
+TEST(WideFileNumbers, NamesReadBackTheirNumberModulo2Pow32) {
+    const struct {
+        const char* name;
+        unsigned int number;
+    } cases[] = {
+        {"rec_2147483647.db", 2147483647u},  {"rec_2147483648.db", 2147483648u},
+        {"rec_4294967295.db", 4294967295u},  {"rec_4294967296.db", 0u},
+        {"rec_4294967303.db", 7u},           {"rec_-1.db", 4294967295u},
+        {"rec_-2147483648.db", 2147483648u},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        DbFileInfo rec;
+        rec.SetFileID(std::string(c.name));
+        EXPECT_EQ(c.number, rec.GetFileID());
+    }
+}
+
 TEST_F(WideFileNumbersTest, NumbersFrom2Pow31AreNamedUnsignedAndScannedInOrder) {
     MakeStoreFile("rec_7.db", 1, 10, 100, 200);
     MakeStoreFile("rec_2147483647.db", 11, 20, 201, 300);
