@@ -13,7 +13,7 @@ BUILD_DIR=${BUILD_DIR:-build-armhf}
 jobs=$(nproc 2>/dev/null || echo 2)
 t0=$(date +%s)
 bash scripts/armhf-setup.sh
-cmake -S . -B "$BUILD_DIR" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \
+cmake -S . -B "$BUILD_DIR" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build "$BUILD_DIR" -j "$jobs"
 t1=$(date +%s)
