@@ -3,20 +3,59 @@
 #include "COS.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <vector>
 
 #include "CHmiMedia.h"
+#include "OsCalls.h"
 #include "PlatformSimInternal.h"
+
+// Built with _FILE_OFFSET_BITS=64 and _TIME_BITS=64 (CMakeLists.txt). Without
+// them a 32-bit build's readdir, stat and statvfs fail with EOVERFLOW on large
+// files and file systems, and its clock_gettime fails from 2038 on.
+static_assert(sizeof(off_t) == 8, "the platform layer needs 64-bit off_t");
+static_assert(sizeof(time_t) == 8, "the platform layer needs 64-bit time_t");
+
+namespace OsCalls {
+
+std::atomic<ReadDirFn> readDirHook{nullptr};
+std::atomic<ClockGetTimeFn> clockGetTimeHook{nullptr};
+std::atomic<StatFn> statHook{nullptr};
+std::atomic<StatVfsFn> statVfsHook{nullptr};
+
+struct dirent* ReadDir(DIR* dir) {
+    ReadDirFn hook = readDirHook.load();
+    return hook ? hook(dir) : readdir(dir);
+}
+
+int ClockGetTime(clockid_t clock, struct timespec* ts) {
+    ClockGetTimeFn hook = clockGetTimeHook.load();
+    return hook ? hook(clock, ts) : clock_gettime(clock, ts);
+}
+
+int Stat(const char* path, struct stat* st) {
+    StatFn hook = statHook.load();
+    return hook ? hook(path, st) : stat(path, st);
+}
+
+int StatVfs(const char* path, struct statvfs* vfs) {
+    StatVfsFn hook = statVfsHook.load();
+    return hook ? hook(path, vfs) : statvfs(path, vfs);
+}
+
+}  // namespace OsCalls
 
 namespace {
 
@@ -61,11 +100,25 @@ bool StaysOnItsMedium(const std::string& path) {
     return true;
 }
 
-unsigned long long ClockMs(clockid_t clock) {
+// The last good reading of each clock. A failed reading gives it again, so a
+// failing clock stands still (0 before its first reading) instead of giving
+// garbage, and the tick never runs backwards.
+std::atomic<unsigned long long> g_lastMonotonicMs{0};
+std::atomic<unsigned long long> g_lastRealTimeMs{0};
+
+unsigned long long ClockMs(clockid_t clock, std::atomic<unsigned long long>& last) {
     struct timespec ts;
-    clock_gettime(clock, &ts);
-    return static_cast<unsigned long long>(ts.tv_sec) * 1000ULL +
-           static_cast<unsigned long long>(ts.tv_nsec) / 1000000ULL;
+    if (OsCalls::ClockGetTime(clock, &ts) != 0 || ts.tv_sec < 0 || ts.tv_nsec < 0 ||
+        ts.tv_nsec >= 1000000000L) {
+        return last.load();
+    }
+    const unsigned long long sec = static_cast<unsigned long long>(ts.tv_sec);
+    const unsigned long long ms =
+        sec > ULLONG_MAX / 1000ULL - 1ULL
+            ? ULLONG_MAX
+            : sec * 1000ULL + static_cast<unsigned long long>(ts.tv_nsec) / 1000000ULL;
+    last.store(ms);
+    return ms;
 }
 
 unsigned int ClampToUInt(unsigned long long value) {
@@ -76,14 +129,20 @@ unsigned int ClampToUInt(unsigned long long value) {
 bool DirStaysOnItsMedium(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos || StaysOnItsMedium(path.substr(0, slash + 1));
-}
+    // blocks * blockSize / 1024 without wrapping: past 2^64 bytes it gives the maximum.
+    unsigned long long KiB(unsigned long long blocks, unsigned long long blockSize) {
+        if (blockSize != 0 && blocks > ULLONG_MAX / blockSize) {
+            return ULLONG_MAX;
+        }
+        return blocks * blockSize / 1024ULL;
+    }
 
 }  // namespace
 
 namespace PlatformSimInternal {
 
 unsigned long long MonotonicMs() {
-    return ClockMs(CLOCK_MONOTONIC);
+    return ClockMs(CLOCK_MONOTONIC, g_lastMonotonicMs);
 }
 
 }  // namespace PlatformSimInternal
@@ -95,6 +154,7 @@ namespace COS {
 int CosDir::IsDir(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && StaysOnItsMedium(path);
+    return OsCalls::Stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 int CosDir::MakeDir(const std::string& path) {
@@ -120,7 +180,19 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
         return 0;
     }
     std::vector<std::string> found;
-    while (struct dirent* entry = readdir(handle)) {
+    for (;;) {
+        // readdir gives null both at the end and on an error (EOVERFLOW, EIO):
+        // only errno tells them apart. A listing cut short is a failure, not
+        // a shorter list.
+        errno = 0;
+        struct dirent* entry = OsCalls::ReadDir(handle);
+        if (!entry) {
+            if (errno != 0) {
+                closedir(handle);
+                return 0;
+            }
+            break;
+        }
         std::string name = entry->d_name;
         if (name == "." || name == "..") {
             continue;
@@ -142,6 +214,7 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
 int CosFile::ExistFile(const std::string& path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && DirStaysOnItsMedium(path);
+    return OsCalls::Stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
 // Never through a directory on a medium that leads off it.
@@ -157,7 +230,7 @@ int CosFile::Delete(const std::string& path) {
 
 int CosFile::FileSize(const std::string& path, unsigned int& size) {
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) {
+    if (OsCalls::Stat(path.c_str(), &st) != 0 || st.st_size < 0) {
         return 0;
     }
     size = ClampToUInt(static_cast<unsigned long long>(st.st_size));
@@ -200,11 +273,11 @@ unsigned int CosOsState::GetDiskFreeSize(const std::string& path, unsigned int& 
         return value;
     }
     struct statvfs vfs;
-    if (statvfs(path.c_str(), &vfs) != 0) {
+    if (OsCalls::StatVfs(path.c_str(), &vfs) != 0) {
         value = 0;
         return 0;
     }
-    value = ClampToUInt(static_cast<unsigned long long>(vfs.f_bavail) * vfs.f_frsize / 1024ULL);
+    value = ClampToUInt(KiB(vfs.f_bavail, vfs.f_frsize));
     return value;
 }
 
@@ -223,7 +296,7 @@ unsigned long long CosTime::GetTimeStamp() {
     if (PlatformSimInternal::FixedTimeStamp(ts)) {
         return ts;
     }
-    return ClockMs(CLOCK_REALTIME);
+    return ClockMs(CLOCK_REALTIME, g_lastRealTimeMs);
 }
 
 }  // namespace COS

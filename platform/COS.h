@@ -65,15 +65,17 @@ private:
 class CosOsState {
 public:
     // Free space, in KiB, of the file system that holds path (0 when it
-    // cannot be read); the same value is stored in value.
+    // cannot be read, the maximum when it does not fit); the same value is
+    // stored in value.
     static unsigned int GetDiskFreeSize(const std::string& path, unsigned int& value);
 };
 
 class CosTime {
 public:
-    // Monotonic milliseconds.
+    // Monotonic milliseconds. Should the clock fail, each clock gives its
+    // last good reading again (0 before the first one), never garbage.
     static unsigned long long GetTickCountCos();
-    // Wall-clock milliseconds since the Unix epoch.
+    // Wall-clock milliseconds since the Unix epoch (before 1970: as a failure).
     static unsigned long long GetTimeStamp();
 };
 

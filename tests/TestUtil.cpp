@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -217,6 +218,16 @@ int ScaledCount(int full, int minimum) {
     int scale = text ? std::atoi(text) : 1;
     int count = scale > 1 ? full / scale : full;
     return count < minimum ? minimum : count;
+}
+
+std::vector<std::string> EmulatorCommand() {
+    std::vector<std::string> words;
+    const char* text = std::getenv("SQLITE3DB_EMULATOR");
+    std::istringstream in(text ? text : "");
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
 }
 
 }  // namespace testutil

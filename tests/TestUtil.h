@@ -71,6 +71,11 @@ std::vector<std::string> LogTexts(const std::vector<std::string>& lines);
 // below minimum. Every test still runs; only its size shrinks.
 int ScaledCount(int full, int minimum = 1);
 
+// The words of SQLITE3DB_EMULATOR (set for cross-built tests): the command
+// that runs one of the project's programs, e.g. {"qemu-arm", "-L", "/sysroot"}.
+// Empty on native builds.
+std::vector<std::string> EmulatorCommand();
+
 }  // namespace testutil
 
 #endif  // TESTS_TESTUTIL_H_

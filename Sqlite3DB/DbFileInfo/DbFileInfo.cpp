@@ -27,11 +27,14 @@ void DbFileInfo::SetFileID(const std::string& bareName) {
     std::string number;
     ComFun_GetContentFrontAndBackOfSpit(stemAndNumber, "_", stem, number);
 
-    // sscanf's result is deliberately not checked: a name that does not parse
-    // keeps the old number, and "%d" stores a negative number's bit pattern.
-    int value = 0;
-    if (sscanf(number.c_str(), "%d", &value) == 1) {
-        m_nFileID = static_cast<unsigned int>(value);
+    // A name that does not parse deliberately keeps the old number. The number
+    // is read as 64 bits and cut to 32, as "%d" does where long has 64 bits: a
+    // negative one gives its bit pattern (rec_-1.db is 2^32 - 1), and a "%u"
+    // name of 2^31 or more reads back as written on 32-bit targets too, where
+    // "%d" would stop at 2^31 - 1.
+    long long value = 0;
+    if (sscanf(number.c_str(), "%lld", &value) == 1) {
+        m_nFileID = static_cast<unsigned int>(static_cast<unsigned long long>(value));
     }
 }
 

@@ -17,9 +17,11 @@
 #        retention and the operator left is there, once;
 #      * the rows with acked = 1 equal the summary's acknowledged count.
 # Usage: check_panel_sim.sh PATH-TO-panel-sim
+# A cross-built panel-sim runs under the command in SQLITE3DB_EMULATOR.
 set -euo pipefail
 
 sim=$1
+read -r -a emulator <<<"${SQLITE3DB_EMULATOR:-}"
 work=$(mktemp -d /tmp/panel-sim-test-XXXXXX)
 out="$work.out"
 flash=""
@@ -36,7 +38,7 @@ fail() {
 }
 
 rc=0
-"$sim" --duration 10m --rate 10 --seed 3 --work-dir "$work" >"$out" || rc=$?
+"${emulator[@]}" "$sim" --duration 10m --rate 10 --seed 3 --work-dir "$work" >"$out" || rc=$?
 alarm_dir=$(sed -n 's/^alarm history (store [0-9]*) on [^:]*: //p' "$out")
 case "$alarm_dir" in /mnt/data/*) flash=$(dirname "$alarm_dir") ;; esac
 [ "$rc" = 0 ] || fail "panel-sim exited with $rc"

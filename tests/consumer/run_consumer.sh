@@ -4,7 +4,11 @@
 # runs the consumer. Fails when configuring, building or running fails, or
 # when the consumer does not report success.
 #   CONSUMER_CMAKE_ARGS  extra configure arguments (e.g. -DCMAKE_CXX_COMPILER=clang++)
+#   SQLITE3DB_CROSS_CMAKE_ARGS, SQLITE3DB_EMULATOR  set by a cross build's
+#       tests: the consumer is built with the same toolchain and run under
+#       the emulator
 set -euo pipefail
+read -r -a emulator <<<"${SQLITE3DB_EMULATOR:-}"
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -13,7 +17,7 @@ trap 'rm -rf "$work"' EXIT
 
 # shellcheck disable=SC2086
 cmake -S "$here" -B "$work" -DSQLITE3DB_ROOT="$root" -DCMAKE_BUILD_TYPE=Release \
-  ${CONSUMER_CMAKE_ARGS:-}
+  ${SQLITE3DB_CROSS_CMAKE_ARGS:-} ${CONSUMER_CMAKE_ARGS:-}
 cmake --build "$work" -j 2
 
 # The library's own tests are not part of a host's build.
@@ -22,7 +26,7 @@ if [ -e "$work/sqlite3db/tests/Sqlite3DB_tests" ]; then
   exit 1
 fi
 
-output=$("$work/consumer")
+output=$("${emulator[@]}" "$work/consumer")
 echo "$output"
 case "$output" in
   "consumer: Sqlite3DB ok,"*) ;;

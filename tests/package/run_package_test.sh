@@ -7,7 +7,13 @@
 #   run_package_test.sh BUILD_DIR [SANITIZERS]
 # SANITIZERS (e.g. address,undefined) must match the build's, so that the
 # consumers load the sanitizer runtime the library needs.
+# A cross build's tests set SQLITE3DB_CROSS_CMAKE_ARGS (toolchain), SQLITE3DB_CXX
+# (compiler and flags) and SQLITE3DB_EMULATOR: the consumers are then built
+# for the target and run under the emulator.
 set -euo pipefail
+read -r -a emulator <<<"${SQLITE3DB_EMULATOR:-}"
+read -r -a cross_args <<<"${SQLITE3DB_CROSS_CMAKE_ARGS:-}"
+read -r -a cxx <<<"${SQLITE3DB_CXX:-c++}"
 
 build=$(cd "${1:?usage: run_package_test.sh BUILD_DIR [SANITIZERS]}" && pwd)
 sanitize=${2:-}
@@ -44,15 +50,22 @@ done
 [ -f "$libdir/cmake/Sqlite3DB/Sqlite3DBConfig.cmake" ] || fail "Sqlite3DBConfig.cmake"
 [ -f "$libdir/cmake/Sqlite3DB/Sqlite3DBConfigVersion.cmake" ] || fail "version file"
 [ -f "$libdir/pkgconfig/sqlite3db.pc" ] || fail "sqlite3db.pc"
-"$prefix/bin/sqlite3db-inspect" --help | grep -q '^Usage: sqlite3db-inspect' ||
+"${emulator[@]}" "$prefix/bin/sqlite3db-inspect" --help | grep -q '^Usage: sqlite3db-inspect' ||
   fail "installed sqlite3db-inspect does not run"
 
 flags=""
-[ -z "$sanitize" ] || flags="-fsanitize=$sanitize"
+flag_args=()  # only when needed: they would replace a cross toolchain's own
+if [ -n "$sanitize" ]; then
+  flags="-fsanitize=$sanitize"
+  flag_args=("-DCMAKE_CXX_FLAGS=$flags" "-DCMAKE_EXE_LINKER_FLAGS=$flags")
+fi
 
 # --- CMake consumer ------------------------------------------------------------
-cmake -S "$here" -B "$tmp/consumer" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$tmp/consumer.log" 2>&1 || {
+# A cross toolchain searches only its sysroot for packages: name the package's
+# directory itself.
+[ ${#cross_args[@]} = 0 ] || cross_args+=("-DSqlite3DB_DIR=$libdir/cmake/Sqlite3DB")
+cmake -S "$here" -B "$tmp/consumer" -DCMAKE_PREFIX_PATH="$prefix" "${cross_args[@]}" \
+  "${flag_args[@]}" >"$tmp/consumer.log" 2>&1 || {
   cat "$tmp/consumer.log" >&2
   fail "configuring the find_package consumer failed"
 }
@@ -60,15 +73,15 @@ cmake --build "$tmp/consumer" >>"$tmp/consumer.log" 2>&1 || {
   cat "$tmp/consumer.log" >&2
   fail "building the find_package consumer failed"
 }
-out=$(LD_LIBRARY_PATH="$libdir" "$tmp/consumer/consumer" "$store")
+out=$(LD_LIBRARY_PATH="$libdir" "${emulator[@]}" "$tmp/consumer/consumer" "$store")
 [ "$out" = OK ] || fail "find_package consumer printed: $out"
 
 # --- pkg-config consumer ---------------------------------------------------------
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046,SC2086
-c++ -std=c++17 $flags "$here/pkgconfig_main.cpp" $(pkg-config --cflags --libs sqlite3db) \
+"${cxx[@]}" -std=c++17 $flags "$here/pkgconfig_main.cpp" $(pkg-config --cflags --libs sqlite3db) \
   -o "$tmp/pkgconfig_consumer" || fail "building with pkg-config's flags failed"
-out=$(LD_LIBRARY_PATH="$libdir" "$tmp/pkgconfig_consumer")
+out=$(LD_LIBRARY_PATH="$libdir" "${emulator[@]}" "$tmp/pkgconfig_consumer")
 [ "$out" = OK ] || fail "pkg-config consumer printed: $out"
 
 echo "package test passed: $prefix"

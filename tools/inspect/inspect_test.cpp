@@ -49,9 +49,13 @@ Result Inspect(const std::vector<std::string>& args, bool asNobody = false) {
     const std::string outPath = scratch.path() + "out", errPath = scratch.path() + "err";
     const pid_t pid = fork();
     if (pid == 0) {
-        std::vector<char*> argv{const_cast<char*>(SQLITE3DB_INSPECT)};
-        for (const std::string& arg : args) {
-            argv.push_back(const_cast<char*>(arg.c_str()));
+        // A cross-built inspector runs under the emulator's command.
+        std::vector<std::string> command = testutil::EmulatorCommand();
+        command.push_back(SQLITE3DB_INSPECT);
+        command.insert(command.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& word : command) {
+            argv.push_back(&word[0]);
         }
         argv.push_back(nullptr);
         const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -61,7 +65,7 @@ Result Inspect(const std::vector<std::string>& args, bool asNobody = false) {
         if (asNobody && getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
             _exit(126);
         }
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     int status = 0;
