@@ -86,7 +86,7 @@ Result Inspect(const std::vector<std::string>& args, const InspectorCopy* asNobo
         dup2(out, 1);
         dup2(err, 2);
         if (asNobody) {
-            // Found before the build tree, which the run path names.
+            // The copied library, not the build tree's that the run path names.
             setenv("LD_LIBRARY_PATH", asNobody->libraryDir().c_str(), 1);
             if (getuid() == 0 &&
                 (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)) {
