@@ -114,6 +114,14 @@ std::vector<std::vector<std::string>> RawQuery(const std::string& path, const st
     return rows;
 }
 
+std::string RawValue(const std::string& path, const std::string& sql) {
+    const std::vector<std::vector<std::string>> rows = RawQuery(path, sql);
+    if (rows.empty() || rows[0].empty()) {
+        throw std::runtime_error("no row from \"" + sql + "\" on " + path);
+    }
+    return rows[0][0];
+}
+
 void RawExec(const std::string& path, const std::string& sql) {
     sqlite3* db = nullptr;
     int rc =

@@ -45,6 +45,10 @@ struct Conf {
 // Results of a query through SQLite's C API, every value as text ("NULL"
 // for SQL NULL). Throws std::runtime_error when the file cannot be read.
 std::vector<std::vector<std::string>> RawQuery(const std::string& path, const std::string& sql);
+// The first value of the first row of such a query. Throws std::runtime_error
+// when there is no row: the test fails (GoogleTest reports the exception)
+// instead of the test program.
+std::string RawValue(const std::string& path, const std::string& sql);
 // Runs statements through SQLite's C API, creating the file when missing.
 void RawExec(const std::string& path, const std::string& sql);
 

@@ -131,7 +131,7 @@ TEST_F(PlatformCbbSqlTest, OpenCreatesAndFailsCleanly) {
     db.open(DbPath().c_str());
     EXPECT_TRUE(testutil::FileExists(DbPath()));
     db.execDML("CREATE TABLE t (a)");
-    EXPECT_EQ("t", testutil::RawQuery(DbPath(), "SELECT name FROM sqlite_master")[0][0]);
+    EXPECT_EQ("t", testutil::RawValue(DbPath(), "SELECT name FROM sqlite_master"));
 
     EXPECT_THROW(db.open(DbPath("no/such/dir.db").c_str()), CppSQLite3Exception);
     // The failed open left the object closed.
@@ -166,7 +166,7 @@ TEST_F(PlatformCbbSqlTest, ExecDmlCountsChangedRows) {
     } catch (const CppSQLite3Exception& e) {
         EXPECT_STREQ("no such table: nope", e.errorMessage());
     }
-    EXPECT_EQ("1", testutil::RawQuery(DbPath(), "SELECT count(*) FROM t")[0][0]);
+    EXPECT_EQ("1", testutil::RawValue(DbPath(), "SELECT count(*) FROM t"));
 }
 
 TEST_F(PlatformCbbSqlTest, QueryReadsRowsAndNulls) {

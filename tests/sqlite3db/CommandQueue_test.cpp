@@ -80,9 +80,7 @@ protected:
 
     std::string FilePath() const { return m_dir.path() + "sub/rec_0.db"; }
 
-    std::string FileRows() {
-        return testutil::RawQuery(FilePath(), "select count(*) from rec")[0][0];
-    }
+    std::string FileRows() { return testutil::RawValue(FilePath(), "select count(*) from rec"); }
 
     void ExpectMemoryRange(unsigned long long minID, unsigned long long maxID,
                            unsigned long long start, unsigned long long end) {
@@ -108,7 +106,7 @@ TEST_F(CommandQueueTest, The500thInsertIsAcceptedAndThe501stRefused) {
     EXPECT_EQ(1, Add(m_store, InsertSql(500)));
     EXPECT_EQ(500u, m_store.m_listInsertCmd.size());
     EXPECT_EQ(0, Add(m_store, InsertSql(501)));
-    EXPECT_EQ(500u, m_store.m_listInsertCmd.size());
+    ASSERT_EQ(500u, m_store.m_listInsertCmd.size());
     EXPECT_EQ(InsertSql(500), *m_store.m_listInsertCmd.back().pSql);
 }
 
@@ -137,6 +135,7 @@ TEST_F(CommandQueueTest, AQueueWithRoomAcceptsAgainOnceTheOtherIsBelowTheBound) 
         ASSERT_EQ(1, Add(m_store, "delete from rec where id = " + std::to_string(i)));
     }
     ASSERT_EQ(0, Add(m_store, InsertSql(1)));
+    ASSERT_EQ(500u, m_store.m_listOtherCmd.size());
     delete m_store.m_listOtherCmd.front().pSql;
     m_store.m_listOtherCmd.pop_front();
     EXPECT_EQ(1, Add(m_store, InsertSql(1)));
@@ -539,7 +538,7 @@ TEST_F(CommandQueueTest, WithoutBufferAFailingCommandLosesTheRowsBeforeIt) {
     ASSERT_EQ(1, Add(m_store, "insert into nosuch values(3)", 1, 3, 30));
     m_store.Save(kTick);
 
-    EXPECT_EQ(1u, m_store.m_listInsertCmd.size());
+    ASSERT_EQ(1u, m_store.m_listInsertCmd.size());
     EXPECT_EQ("insert into nosuch values(3)", *m_store.m_listInsertCmd.front().pSql);
     EXPECT_EQ(0, m_store.GetChangeNum());
     EXPECT_EQ((std::vector<std::string>{"DbData.cpp: [DB]Save:no such table: nosuch",

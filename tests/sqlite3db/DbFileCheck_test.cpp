@@ -15,6 +15,7 @@ using dbfiles::IsLogLine;
 using testutil::FileExists;
 using testutil::RawExec;
 using testutil::RawQuery;
+using testutil::RawValue;
 
 // Outputs of ReadDbInfo, preset so that untouched outputs show.
 struct Info {
@@ -163,7 +164,7 @@ TEST_F(DbFileCheckTest, FileWithoutDBInfoTableIsLoggedAndKept) {
     EXPECT_TRUE(info.Untouched());
     ExpectReadDbInfoLine("no such table: DBInfo");
     ASSERT_TRUE(FileExists(Path("rec_3.db")));
-    EXPECT_EQ("1", RawQuery(Path("rec_3.db"), "select count(*) from rec")[0][0]);
+    EXPECT_EQ("1", RawValue(Path("rec_3.db"), "select count(*) from rec"));
 }
 
 TEST_F(DbFileCheckTest, FileWithOnlyAVersion2RowIsSkippedSilentlyAndKept) {
@@ -245,7 +246,7 @@ TEST_F(DbFileCheckTest, StoredDefinitionWithoutParenthesisThrowsOutOfRange) {
         GTEST_SKIP() << "no built-in fts4 module: " << e.what();
     }
     ASSERT_EQ("CREATE VIRTUAL TABLE rec USING fts4",
-              RawQuery(Path("rec_6.db"), "select sql from sqlite_master where name = 'rec'")[0][0]);
+              RawValue(Path("rec_6.db"), "select sql from sqlite_master where name = 'rec'"));
     Info info;
     EXPECT_THROW(Read("rec_6.db", info), std::out_of_range);
     EXPECT_TRUE(info.Untouched());

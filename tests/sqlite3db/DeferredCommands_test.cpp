@@ -140,7 +140,7 @@ TEST_F(DeferredCommandsTest, EachCommandRunsOnlyOnTheSourcesHoldingItsId) {
 TEST_F(DeferredCommandsTest, CommandOnSeveralSourcesRunsOldestFileFirstAndBufferLast) {
     // Ranges that share ID 16 and 24: the command for ID 24 reaches file 2
     // and the buffer, the one for ID 16 files 1 and 2.
-    m_store.m_vecFileInfo[2].SetStartID(16);
+    m_store.m_vecFileInfo.at(2).SetStartID(16);
     m_store.m_nMemMinID = 24;
     const std::string trace = m_dir.path() + "trace.db";
     testutil::RawExec(trace, "create table t(n integer primary key, v text)");

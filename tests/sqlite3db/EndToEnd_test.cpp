@@ -167,6 +167,7 @@ TEST_F(EndToEndTest, RollingStoreKeepsTheNewestRecordsOnceInOrderAcrossManyFiles
         // file reached the count limit within one batch, the current one not.
         std::vector<FileContent> files = ReadFiles(host.dir);
         ASSERT_EQ(CatalogNames(*host.store), Names(files));
+        ASSERT_FALSE(files.empty());
         ASSERT_LE(files.size(), 4u);
         for (size_t k = 0; k + 1 < files.size(); ++k) {
             const unsigned long long count = files[k].info.maxID - files[k].info.minID;
@@ -187,7 +188,7 @@ TEST_F(EndToEndTest, RollingStoreKeepsTheNewestRecordsOnceInOrderAcrossManyFiles
     }
     const unsigned long long first = ExpectContiguousUpTo(files, host.LastID());
     ExpectDBInfoFollowsRecords(files);
-    EXPECT_EQ(first, host.store->m_vecFileInfo.front().GetStartID() + 1);
+    EXPECT_EQ(first, CatalogEntry(*host.store, 0).GetStartID() + 1);
     for (const FileContent& f : files) {
         for (const auto& row : testutil::RawQuery(host.dir + f.name, "select id, v from rec")) {
             ASSERT_EQ(ValueOf(std::stoull(row[0])), row[1]);
@@ -207,14 +208,14 @@ TEST_F(EndToEndTest, StoreRollsOverBySizeAndByCountUnderAFileLimit) {
     int bySize = 0;
     int byCount = 0;
     for (int i = 0; host.LastID() < 1500; ++i) {
-        const std::string before = CatalogNames(*host.store).back();
+        const std::string before = CatalogEntry(*host.store).GetFullName();
         host.Queue(kBatches[i % 5], payload);
         Cycle();
         const std::string closed = SaveDir("mixed") + before;
         const DBInfoRow info = ReadDBInfo(closed);
         const bool overSize = SizeKiB(closed) > kMaxKiB;
         const bool full = info.maxID - info.minID >= kMaxRecords;
-        if (CatalogNames(*host.store).back() != before) {
+        if (CatalogEntry(*host.store).GetFullName() != before) {
             EXPECT_TRUE(overSize || full) << before << " split too early";
             bySize += overSize ? 1 : 0;
             byCount += overSize ? 0 : 1;
@@ -260,8 +261,7 @@ TEST_F(EndToEndTest, SingleFileStoreStaysBetweenMAndMPlusNRecords) {
         const DBInfoRow info = ReadDBInfo(path);
         const unsigned long long count = info.maxID - info.minID;
         ASSERT_EQ(host.LastID(), info.maxID);
-        ASSERT_EQ(std::to_string(info.minID),
-                  testutil::RawQuery(path, "select min(id) from rec")[0][0]);
+        ASSERT_EQ(std::to_string(info.minID), testutil::RawValue(path, "select min(id) from rec"));
         ASSERT_EQ(static_cast<long long>(count + 1), RowCount(path));
         ASSERT_LE(count, M + N);
         if (info.minID != lastMin) {
@@ -527,5 +527,5 @@ TEST_F(EndToEndTest, RangeQueriesAndDeferredUpdatesReachEachRecordOnce) {
     }
     EXPECT_EQ(0, host.refused);
     EXPECT_GE(updated.size(), 20u);
-    EXPECT_GE(host.store->m_vecFileInfo.back().GetFileID(), 10u);
+    EXPECT_GE(CatalogEntry(*host.store).GetFileID(), 10u);
 }

@@ -5,6 +5,7 @@
 // also checked with the stock sqlite3 shell.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -51,7 +52,14 @@ protected:
         EXPECT_EQ("ok\n", ShellQuery(path, "pragma integrity_check;"));
     }
 
-    const DbFileInfo& Last() const { return store.m_vecFileInfo.back(); }
+    // The newest catalog entry; throws when there is none, failing the test
+    // rather than the test program.
+    DbFileInfo& Last() {
+        if (store.m_vecFileInfo.empty()) {
+            throw std::out_of_range("the catalog is empty");
+        }
+        return store.m_vecFileInfo.back();
+    }
 };
 
 // --- CreateFileDB -------------------------------------------------------------------
@@ -191,7 +199,7 @@ TEST_F(FileCreationTest, UpdateWritesTheCurrentEntryIntoItsFile) {
     ASSERT_EQ(1, store.CreateFileDB());
     PlatformSim::SetTimeStamp(2000);
     ASSERT_EQ(1, store.CreateFileDB());
-    DbFileInfo& current = store.m_vecFileInfo.back();
+    DbFileInfo& current = Last();
     current.SetStartID(101);
     current.SetEndID(250);
     current.SetStartTime(5000);
@@ -249,7 +257,7 @@ TEST_F(FileCreationTest, UpdateIsRefusedWithoutFilesSavePathOrCatalog) {
     EXPECT_EQ(0, store.UpdateFileDBInfo());  // empty catalog
     PlatformSim::SetTimeStamp(1000);
     ASSERT_EQ(1, store.CreateFileDB());
-    store.m_vecFileInfo.back().SetEndID(99);
+    Last().SetEndID(99);
     store.m_bSaveFile = 0;
     EXPECT_EQ(0, store.UpdateFileDBInfo());
     store.m_bSaveFile = 1;

@@ -185,14 +185,14 @@ TEST_F(ForwardingTest, AttachedCopyRunsOnlyForKindThree) {
     EXPECT_EQ(0, handle_.SqlSelect(info));
     info.nSelectType = 2;
     EXPECT_EQ(0, handle_.SqlSelect(info));
-    EXPECT_EQ("v2", testutil::RawQuery(file0, "select v from rec where id = 2")[0][0]);
+    EXPECT_EQ("v2", testutil::RawValue(file0, "select v from rec where id = 2"));
 
     // Kind 3 reaches Select_Attach, whose result is always 0; the statement ran on
     // the oldest file and the stop flag -1 ended the walk there.
     std::string run = "update rec set v = 'run' where id = 2";
     _tagDBSqlSelectCmdInfo copy{&run, 3, 0, 0, 0, 0, -1, 1};
     EXPECT_EQ(0, handle_.SqlSelect(copy));
-    EXPECT_EQ("run", testutil::RawQuery(file0, "select v from rec where id = 2")[0][0]);
+    EXPECT_EQ("run", testutil::RawValue(file0, "select v from rec where id = 2"));
     ASSERT_EQ(1, store_->m_mutexSave.TryLock(200));
     store_->m_mutexSave.Unlock();
 }
@@ -227,8 +227,8 @@ TEST_F(ForwardingTest, GetIndexIDfroTimeNeedsTextAndOutput) {
 TEST_F(ForwardingTest, GettersReturnFullSixtyFourBitValues) {
     store_->m_nMemMaxID = 0x1234567890ULL;
     store_->m_nMemEndTime = 0x2345678901ULL;
-    store_->m_vecFileInfo.front().SetStartID(0x3456789012ULL);
-    store_->m_vecFileInfo.front().SetStartTime(0x4567890123ULL);
+    CatalogEntry(*store_, 0).SetStartID(0x3456789012ULL);
+    CatalogEntry(*store_, 0).SetStartTime(0x4567890123ULL);
     store_->m_nChangeNum = 0x5678901234ULL;
     EXPECT_EQ(0x1234567890LL, handle_.GetMaxID());
     EXPECT_EQ(0x2345678901LL, handle_.GetMaxTime());

@@ -129,9 +129,10 @@ protected:
 
     std::string Dir() const { return m_dir.path() + "sub/"; }
 
-    // Full path of catalog entry index.
+    // Full path of catalog entry index (at() throws, failing the test rather
+    // than the test program, when there is no such entry).
     std::string FilePath(int index) {
-        return m_store.m_strSavePath + m_store.m_vecFileInfo[index].GetFullName();
+        return m_store.m_strSavePath + m_store.m_vecFileInfo.at(index).GetFullName();
     }
 
     // Inserts rows first..last (v = tag) into catalog entry index with raw
@@ -144,7 +145,7 @@ protected:
                    std::to_string(TimeOf(id)) + ",'" + tag + "');";
         }
         testutil::RawExec(FilePath(index), sql + "commit;");
-        DbFileInfo& rec = m_store.m_vecFileInfo[index];
+        DbFileInfo& rec = m_store.m_vecFileInfo.at(index);
         rec.SetStartID(first);
         rec.SetEndID(last);
         rec.SetStartTime(TimeOf(first));

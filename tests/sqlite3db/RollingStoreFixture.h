@@ -11,6 +11,7 @@
 #include <cctype>
 #include <list>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -113,7 +114,7 @@ inline DBInfoRow ReadDBInfo(const std::string& path) {
     DBInfoRow info;
     auto rows = testutil::RawQuery(
         path, "select MaxID, MinID, StartTime, EndTime from DBInfo where version = 1");
-    info.rows = std::stoul(testutil::RawQuery(path, "select count(*) from DBInfo")[0][0]);
+    info.rows = std::stoul(testutil::RawValue(path, "select count(*) from DBInfo"));
     if (!rows.empty()) {
         info.maxID = std::stoull(rows[0][0]);
         info.minID = std::stoull(rows[0][1]);
@@ -133,21 +134,34 @@ inline std::vector<unsigned long long> FileIds(const std::string& path) {
 }
 
 inline long long RowCount(const std::string& path, const std::string& table = "rec") {
-    return std::stoll(testutil::RawQuery(path, "select count(*) from " + table)[0][0]);
+    return std::stoll(testutil::RawValue(path, "select count(*) from " + table));
 }
 
 // Rows in the store's memory buffer (only the store's connection reaches it).
+// Like every reader here that would otherwise dereference nothing, it throws
+// when there is nothing to read: GoogleTest reports the exception as the
+// test's failure, and the test program goes on.
 inline long long MemRowCount(DbData& store) {
+    if (!store.m_pMemDB) {
+        throw std::runtime_error("the store has no memory buffer");
+    }
     CBBSQL::CppSQLite3Table table = store.m_pMemDB->getTable("select count(*) from rec");
     table.setRow(0);
     return table.getInt64Field(0, -1);
 }
 
+// Catalog entry `index` (-1: the current file); throws when there is none.
+inline DbFileInfo& CatalogEntry(DbData& store, int index = -1) {
+    if (store.m_vecFileInfo.empty()) {
+        throw std::out_of_range("the store's catalog is empty");
+    }
+    return index < 0 ? store.m_vecFileInfo.back()
+                     : store.m_vecFileInfo.at(static_cast<size_t>(index));
+}
+
 // Full path of catalog entry `index` (-1: the current file).
 inline std::string CatalogPath(DbData& store, int index = -1) {
-    const DbFileInfo& rec =
-        index < 0 ? store.m_vecFileInfo.back() : store.m_vecFileInfo[static_cast<size_t>(index)];
-    return store.m_strSavePath + rec.GetFullName();
+    return store.m_strSavePath + CatalogEntry(store, index).GetFullName();
 }
 
 // The bare names of the catalog, oldest first.
@@ -220,7 +234,9 @@ protected:
         const long long id = Sqlite3DB::Create(c.get(), 0);
         EXPECT_GT(id, 0);
         DbData* store = Sqlite3DB::GetDbByID(id);
-        EXPECT_NE(nullptr, store);
+        if (store == nullptr) {
+            throw std::runtime_error("no store registered under ID " + std::to_string(id));
+        }
         return *store;
     }
 

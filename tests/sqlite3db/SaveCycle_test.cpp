@@ -83,7 +83,7 @@ TEST_F(SaveCycleTest, SaveRunsInsertsThenDeferredCommandsThenSplit) {
     // The update found record 2 flushed into file 0, and file 0 was then full.
     const std::string file0 = SaveDir("s") + "rec_0.db";
     EXPECT_EQ((std::vector<unsigned long long>{1, 2, 3, 4}), FileIds(file0));
-    EXPECT_EQ("changed", testutil::RawQuery(file0, "select v from rec where id = 2")[0][0]);
+    EXPECT_EQ("changed", testutil::RawValue(file0, "select v from rec where id = 2"));
     EXPECT_EQ(FileNames({0, 1}), CatalogNames(store));
     EXPECT_TRUE(store.m_listOtherCmd.empty());
 }
@@ -130,7 +130,7 @@ TEST_F(SaveCycleTest, FlushCopiesRowsEmptiesBufferAndSetsTheFileRange) {
     const std::string path = CatalogPath(store);
     EXPECT_EQ((std::vector<unsigned long long>{1, 2, 3, 4, 5}), FileIds(path));
     EXPECT_EQ(0, MemRowCount(store));
-    const DbFileInfo& rec = store.m_vecFileInfo.back();
+    const DbFileInfo& rec = CatalogEntry(store);
     EXPECT_EQ(1u, rec.GetStartID());
     EXPECT_EQ(5u, rec.GetEndID());
     EXPECT_EQ(TimeOf(1), rec.GetStartTime());
@@ -391,7 +391,7 @@ TEST_F(SaveCycleTest, FlushWithoutFileToAttachSucceedsAndKeepsRowsBuffered) {
     store.m_strSavePath.clear();
     EXPECT_EQ(1, store.FlushDB());
     EXPECT_EQ(3, MemRowCount(store));
-    EXPECT_EQ(0u, store.m_vecFileInfo.back().GetEndID());
+    EXPECT_EQ(0u, CatalogEntry(store).GetEndID());
 }
 
 TEST_F(SaveCycleTest, FailedCopyKeepsRowsBufferedAfterTheRangeWasWritten) {
@@ -410,7 +410,7 @@ TEST_F(SaveCycleTest, FailedCopyKeepsRowsBufferedAfterTheRangeWasWritten) {
     EXPECT_EQ(3, MemRowCount(store));
     EXPECT_EQ(0, RowCount(path));
     // Catalog, DBInfo and memory range moved before the copy was tried.
-    EXPECT_EQ(3u, store.m_vecFileInfo.back().GetEndID());
+    EXPECT_EQ(3u, CatalogEntry(store).GetEndID());
     DBInfoRow info = ReadDBInfo(path);
     EXPECT_EQ(1u, info.minID);
     EXPECT_EQ(3u, info.maxID);

@@ -48,8 +48,8 @@ protected:
 
     // Gives the current catalog entry the ID range [start, end].
     void SetRange(DbData& store, unsigned long long start, unsigned long long end) {
-        store.m_vecFileInfo.back().SetStartID(start);
-        store.m_vecFileInfo.back().SetEndID(end);
+        CatalogEntry(store).SetStartID(start);
+        CatalogEntry(store).SetEndID(end);
     }
 
     // Writes records first..last straight into the store's current file.
@@ -88,8 +88,8 @@ TEST_F(SplitTest, FileOneKiBOverTheSizeLimitSplits) {
 
     // The new file is current and empty: count 0, both IDs 0, DBInfo to match.
     EXPECT_EQ(0u, store.GetNowDBFileRecordNum());
-    EXPECT_EQ(0u, store.m_vecFileInfo.back().GetStartID());
-    EXPECT_EQ(0u, store.m_vecFileInfo.back().GetEndID());
+    EXPECT_EQ(0u, CatalogEntry(store).GetStartID());
+    EXPECT_EQ(0u, CatalogEntry(store).GetEndID());
     DBInfoRow info = ReadDBInfo(SaveDir("s") + "rec_1.db");
     EXPECT_EQ(1u, info.rows);
     EXPECT_EQ(0u, info.maxID);
@@ -122,8 +122,8 @@ TEST_F(SplitTest, RecordCountEqualToLimitSplits) {
     EXPECT_EQ(FileNames({0, 1}), CatalogNames(store));
     EXPECT_EQ(0u, store.GetNowDBFileRecordNum());
     // The old file keeps its range in the catalog.
-    EXPECT_EQ(5u, store.m_vecFileInfo[0].GetStartID());
-    EXPECT_EQ(1005u, store.m_vecFileInfo[0].GetEndID());
+    EXPECT_EQ(5u, CatalogEntry(store, 0).GetStartID());
+    EXPECT_EQ(1005u, CatalogEntry(store, 0).GetEndID());
 }
 
 TEST_F(SplitTest, NothingHappensBeforeTheFirstSaveReachedTheFile) {
@@ -209,7 +209,7 @@ TEST_F(SplitTest, SingleFileIsNotTrimmedAtMPlusNRecords) {
     SetRange(store, 1, 1101);  // count 1100
     store.SplitDBFile();
     EXPECT_EQ(1101, RowCount(CatalogPath(store)));
-    EXPECT_EQ(1u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(1u, CatalogEntry(store).GetStartID());
     EXPECT_EQ(FileNames({0}), CatalogNames(store));
 }
 
@@ -221,9 +221,9 @@ TEST_F(SplitTest, SingleFileOverMPlusNIsTrimmedOnceByN) {
 
     const std::string path = CatalogPath(store);
     EXPECT_EQ(1002, RowCount(path));
-    EXPECT_EQ("101", testutil::RawQuery(path, "select min(id) from rec")[0][0]);
-    EXPECT_EQ(101u, store.m_vecFileInfo.back().GetStartID());
-    EXPECT_EQ(1102u, store.m_vecFileInfo.back().GetEndID());
+    EXPECT_EQ("101", testutil::RawValue(path, "select min(id) from rec"));
+    EXPECT_EQ(101u, CatalogEntry(store).GetStartID());
+    EXPECT_EQ(1102u, CatalogEntry(store).GetEndID());
     DBInfoRow info = ReadDBInfo(path);
     EXPECT_EQ(1u, info.rows);
     EXPECT_EQ(101u, info.minID);
@@ -232,7 +232,7 @@ TEST_F(SplitTest, SingleFileOverMPlusNIsTrimmedOnceByN) {
 
     store.SplitDBFile();  // count 1001: nothing more
     EXPECT_EQ(1002, RowCount(path));
-    EXPECT_EQ(101u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(101u, CatalogEntry(store).GetStartID());
 }
 
 TEST_F(SplitTest, TrimAssumesNRecordsWentWhateverTheStatementDeleted) {
@@ -241,7 +241,7 @@ TEST_F(SplitTest, TrimAssumesNRecordsWentWhateverTheStatementDeleted) {
     SetRange(store, 1, 1102);
     store.SplitDBFile();
     EXPECT_EQ(1101, RowCount(CatalogPath(store)));
-    EXPECT_EQ(101u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(101u, CatalogEntry(store).GetStartID());
 }
 
 TEST_F(SplitTest, FailingTrimKeepsStartIDAndLogsOncePerCycle) {
@@ -252,12 +252,12 @@ TEST_F(SplitTest, FailingTrimKeepsStartIDAndLogsOncePerCycle) {
     store.SplitDBFile();
     EXPECT_EQ(std::vector<std::string>{"DbData.cpp:  [DB]SqlDelDbData:no such table: nosuch\r\n"},
               TakeLogs());
-    EXPECT_EQ(1u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(1u, CatalogEntry(store).GetStartID());
 
     store.SplitDBFile();  // tried again on the next cycle
     EXPECT_EQ(std::vector<std::string>{"DbData.cpp:  [DB]SqlDelDbData:no such table: nosuch\r\n"},
               TakeLogs());
-    EXPECT_EQ(1u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(1u, CatalogEntry(store).GetStartID());
     EXPECT_EQ(0u, ReadDBInfo(CatalogPath(store)).minID);
 }
 
@@ -268,7 +268,7 @@ TEST_F(SplitTest, ZeroTrimCountNeverTrims) {
     SetRange(store, 1, 1200);
     store.SplitDBFile();
     EXPECT_EQ(1200, RowCount(CatalogPath(store)));
-    EXPECT_EQ(1u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(1u, CatalogEntry(store).GetStartID());
 }
 
 // --- Trimming the memory buffer -----------------------------------------------------------
@@ -311,7 +311,7 @@ TEST_F(SplitTest, StoreWithNeitherFilesNorBufferNeverTrims) {
     store.m_bUseMemDB = 0;
     store.SqlDelDbData();
     EXPECT_EQ(1200, RowCount(CatalogPath(store)));
-    EXPECT_EQ(1u, store.m_vecFileInfo.back().GetStartID());
+    EXPECT_EQ(1u, CatalogEntry(store).GetStartID());
     EXPECT_EQ(1u, store.m_nMemMinID);
     EXPECT_TRUE(TakeLogs().empty());
 }

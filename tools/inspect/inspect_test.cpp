@@ -5,6 +5,7 @@
 // range selection, aligned and CSV output, the error exits, and that no
 // file's bytes, mtime or the directory's contents ever change.
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -41,17 +42,43 @@ std::string ReadAll(const std::string& path) {
     return text.str();
 }
 
+// The inspector and the library it loads, copied into a directory of their
+// own that every user may enter, for runs as user "nobody": the build tree
+// may lie where only its owner may enter (under a home directory of mode
+// 0700, in a directory made by mktemp -d).
+class InspectorCopy {
+public:
+    InspectorCopy() {
+        chmod(m_dir.path().c_str(), 0755);
+        Copy(SQLITE3DB_INSPECT, program(), 0755);
+        Copy(SQLITE3DB_LIBRARY, m_dir.path() + fs::path(SQLITE3DB_LIBRARY).filename().string(),
+             0644);  // under the name the programs ask for
+    }
+
+    std::string program() const { return m_dir.path() + "sqlite3db-inspect"; }
+    const std::string& libraryDir() const { return m_dir.path(); }
+
+private:
+    static void Copy(const std::string& from, const std::string& to, mode_t mode) {
+        fs::copy_file(from, to);  // throws, failing the test, when it cannot
+        chmod(to.c_str(), mode);
+    }
+
+    testutil::TempDir m_dir;  // under /tmp/, which every user may enter
+};
+
 // Runs the inspector with args; stdout and stderr go through files in scratch.
-// asNobody: run it as user "nobody" (when we are root), who may read but not
-// write the store.
-Result Inspect(const std::vector<std::string>& args, bool asNobody = false) {
+// asNobody: run that copy of it as user "nobody" (when we are root), who may
+// read but not write the store.
+Result Inspect(const std::vector<std::string>& args, const InspectorCopy* asNobody = nullptr) {
     testutil::TempDir scratch;
     const std::string outPath = scratch.path() + "out", errPath = scratch.path() + "err";
+    const std::string program = asNobody ? asNobody->program() : SQLITE3DB_INSPECT;
     const pid_t pid = fork();
     if (pid == 0) {
         // A cross-built inspector runs under the emulator's command.
         std::vector<std::string> command = testutil::EmulatorCommand();
-        command.push_back(SQLITE3DB_INSPECT);
+        command.push_back(program);
         command.insert(command.end(), args.begin(), args.end());
         std::vector<char*> argv;
         for (std::string& word : command) {
@@ -62,8 +89,13 @@ Result Inspect(const std::vector<std::string>& args, bool asNobody = false) {
         const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(out, 1);
         dup2(err, 2);
-        if (asNobody && getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
-            _exit(126);
+        if (asNobody) {
+            // The copied library, not the build tree's that the run path names.
+            setenv("LD_LIBRARY_PATH", asNobody->libraryDir().c_str(), 1);
+            if (getuid() == 0 &&
+                (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)) {
+                _exit(126);
+            }
         }
         execvp(argv[0], argv.data());
         _exit(127);
@@ -102,6 +134,20 @@ std::vector<std::string> ListingRow(const std::string& out, const std::string& f
         }
     }
     return {};
+}
+
+// Cell `column` of the listing row of file, or what is missing instead, so
+// that a missing row fails the comparison rather than the test program.
+std::string Cell(const std::string& out, const std::string& file, size_t column) {
+    const std::vector<std::string> row = ListingRow(out, file);
+    return column < row.size() ? row[column]
+                               : "(no cell " + std::to_string(column) + " for " + file + ")";
+}
+
+// The status of file in the listing: its row's last cell.
+std::string Status(const std::string& out, const std::string& file) {
+    const std::vector<std::string> row = ListingRow(out, file);
+    return row.empty() ? "(no row for " + file + ")" : row.back();
 }
 
 // Every file of dir with its bytes and modification time, to prove that
@@ -247,16 +293,15 @@ TEST_F(InspectTest, MarksEachKindOfBadFileWithItsReason) {
     AddBadFiles();
     const Result run = Inspect({Dir(), "--table", "rec", "--create", kCreate});
     EXPECT_EQ(5, run.code);
-    EXPECT_EQ("accepted", ListingRow(run.out, "rec_2.db").back());
-    EXPECT_EQ("not a database: file is not a database", ListingRow(run.out, "rec_7.db").back());
-    EXPECT_EQ("no data table (the library would delete it)",
-              ListingRow(run.out, "rec_8.db").back());
-    EXPECT_EQ("column list differs", ListingRow(run.out, "rec_9.db").back());
-    EXPECT_EQ("no DBInfo row", ListingRow(run.out, "rec_10.db").back());
-    const auto bad = ListingRow(run.out, "rec_7.db");
-    EXPECT_EQ("-", bad[2]);  // no range and no row count for a file that cannot be read
-    EXPECT_EQ("-", bad[8]);
-    EXPECT_EQ("0", ListingRow(run.out, "rec_9.db")[8]);  // its data table is there, empty
+    EXPECT_EQ("accepted", Status(run.out, "rec_2.db"));
+    EXPECT_EQ("not a database: file is not a database", Status(run.out, "rec_7.db"));
+    EXPECT_EQ("no data table (the library would delete it)", Status(run.out, "rec_8.db"));
+    EXPECT_EQ("column list differs", Status(run.out, "rec_9.db"));
+    EXPECT_EQ("no DBInfo row", Status(run.out, "rec_10.db"));
+    // No range and no row count for a file that cannot be read.
+    EXPECT_EQ("-", Cell(run.out, "rec_7.db", 2));
+    EXPECT_EQ("-", Cell(run.out, "rec_7.db", 8));
+    EXPECT_EQ("0", Cell(run.out, "rec_9.db", 8));  // its data table is there, empty
     EXPECT_NE(std::string::npos, run.out.find("8 files: 4 accepted, 4 not accepted"));
     // The bad files do not look like store files, so inference still works.
     EXPECT_EQ(5, Inspect({Dir()}).code);
@@ -277,15 +322,14 @@ TEST_F(InspectTest, AcceptsExactlyWhatTheLibrarysFileCheckAccepts) {
         fs::copy_file(entry.path(), copies.path() + name);
         unsigned long long maxID = 0, minID = 0, start = 0, end = 0;
         const int accepted = store.ReadDbInfo(copies.path() + name, &maxID, &minID, &start, &end);
-        const auto row = ListingRow(run.out, name);
-        ASSERT_FALSE(row.empty()) << name;
-        EXPECT_EQ(accepted == 1, row.back() == "accepted") << name;
+        const std::string status = Status(run.out, name);
+        EXPECT_EQ(accepted == 1, status == "accepted") << name << ": " << status;
         EXPECT_EQ(testutil::FileExists(copies.path() + name),
-                  row.back() != "no data table (the library would delete it)")
-            << name;
+                  status != "no data table (the library would delete it)")
+            << name << ": " << status;
         if (accepted == 1) {
-            EXPECT_EQ(std::to_string(minID), row[2]) << name;
-            EXPECT_EQ(std::to_string(maxID), row[3]) << name;
+            EXPECT_EQ(std::to_string(minID), Cell(run.out, name, 2));
+            EXPECT_EQ(std::to_string(maxID), Cell(run.out, name, 3));
         }
     }
     PlatformSim::TakeLogLines();
@@ -300,7 +344,7 @@ TEST_F(InspectTest, ComparesOnlyTheColumnListUpToTheFirstParenthesis) {
                           "; INSERT INTO DBInfo VALUES (1,30,21,0,0,0,0,0,0,0)");
     const Result run = Inspect({Dir(), "--table", "rec", "--create", kCreate});
     EXPECT_EQ(0, run.code) << run.err;
-    EXPECT_EQ("accepted", ListingRow(run.out, "rec_5.db").back());
+    EXPECT_EQ("accepted", Status(run.out, "rec_5.db"));
     DbData store;
     store.m_strTableName = "rec";
     store.m_strCreateTableSql = kCreate;
@@ -316,8 +360,8 @@ TEST_F(InspectTest, TakesFileNamesAsTheStoreDoes) {
     fs::copy_file(Dir() + "rec_2.db", Dir() + "rec.db");
     const Result run = Inspect({Dir(), "--stem", "rec"});
     ASSERT_EQ(0, run.code) << run.err;
-    EXPECT_EQ("0", ListingRow(run.out, "rec.db")[0]);
-    EXPECT_EQ("5", ListingRow(run.out, "record_5.db")[0]);
+    EXPECT_EQ("0", Cell(run.out, "rec.db", 0));
+    EXPECT_EQ("5", Cell(run.out, "record_5.db", 0));
     const std::string::size_type table = run.out.find("No  File");  // the rows follow
     const std::string::size_type plain = run.out.find("rec.db", table);
     const std::string::size_type zero = run.out.find("rec_0.db", table);
@@ -457,17 +501,23 @@ TEST_F(InspectTest, NeverChangesAnyFile) {
 TEST_F(InspectTest, ReadsFilesInADirectoryItMayNotWriteTo) {
     BuildStore(4);
     AddBadFiles();
+    // Readable by all whatever the umask; the directory itself read-only.
+    chmod(m_root.path().c_str(), 0755);
+    for (const auto& entry : fs::directory_iterator(Dir())) {
+        chmod(entry.path().c_str(), 0644);
+    }
     chmod(Dir().c_str(), 0555);
     const auto before = Snapshot(Dir());
-    const Result list = Inspect({Dir(), "--table", "rec", "--create", kCreate}, true);
+    const InspectorCopy nobody;
+    const Result list = Inspect({Dir(), "--table", "rec", "--create", kCreate}, &nobody);
     const Result run = Inspect({Dir(), "--table", "rec", "--create", kCreate, "--csv", "--query",
                                 "select count(*) n from rec"},
-                               true);
+                               &nobody);
     EXPECT_EQ(before, Snapshot(Dir()));
     chmod(Dir().c_str(), 0755);
     EXPECT_EQ(5, list.code) << list.err;
-    EXPECT_EQ("accepted", ListingRow(list.out, "rec_3.db").back());
-    EXPECT_EQ("not a database: file is not a database", ListingRow(list.out, "rec_7.db").back());
+    EXPECT_EQ("accepted", Status(list.out, "rec_3.db"));
+    EXPECT_EQ("not a database: file is not a database", Status(list.out, "rec_7.db"));
     EXPECT_EQ(5, run.code) << run.err;  // the bad files are skipped
     EXPECT_EQ("file,n\r\nrec_0.db,10\r\nrec_1.db,5\r\nrec_2.db,5\r\nrec_3.db,0\r\n", run.out);
 }
