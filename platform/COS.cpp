@@ -94,6 +94,9 @@ int CosFile::ExistFile(const std::string& path) {
 }
 
 int CosFile::Delete(const std::string& path) {
+    if (PlatformSim::FileOpHook hook = PlatformSimInternal::FileDeleteHook()) {
+        return hook(path);  // a power-cut test records the deletion
+    }
     return unlink(path.c_str()) == 0;
 }
 

@@ -21,6 +21,8 @@ struct SimState {
     unsigned int diskFree = 0;
     std::deque<std::string> logLines;
     std::deque<std::string> messages;
+    PlatformSim::FileOpHook deleteFile = nullptr;
+    PlatformSim::FileOpHook syncDir = nullptr;
 };
 
 // Never destroyed, so that objects logging from static destructors still find it.
@@ -53,6 +55,8 @@ void Reset() {
         s.tickFixed = false;
         s.timeStampFixed = false;
         s.diskFixed = false;
+        s.deleteFile = nullptr;
+        s.syncDir = nullptr;
         s.logLines.clear();
         s.messages.clear();
     }
@@ -103,9 +107,28 @@ std::vector<std::string> TakeMessages() {
     return Take(s.messages);
 }
 
+void SetFileOpHooks(FileOpHook deleteFile, FileOpHook syncDir) {
+    SimState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.deleteFile = deleteFile;
+    s.syncDir = syncDir;
+}
+
 }  // namespace PlatformSim
 
 namespace PlatformSimInternal {
+
+PlatformSim::FileOpHook FileDeleteHook() {
+    SimState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.deleteFile;
+}
+
+PlatformSim::FileOpHook DirSyncHook() {
+    SimState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.syncDir;
+}
 
 bool FixedTickCount(unsigned long long& ms) {
     SimState& s = State();

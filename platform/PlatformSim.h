@@ -10,8 +10,12 @@
 #include "COS.h"
 
 namespace PlatformSim {
+// A stand-in for one of the platform's own file operations on a path; returns
+// 1 on success, 0 on failure, as the operation would.
+using FileOpHook = int (*)(const std::string& path);
+
 void Reset();                                  // real clocks and disk again; captures emptied;
-                                               // SD and USB paths cleared
+                                               // SD and USB paths cleared; no file hooks
 void SetTickCount(unsigned long long ms);      // COS::CosTime::GetTickCountCos() returns ms
 void AdvanceTickCount(unsigned long long ms);  // adds to the fixed tick (fixes it first if real)
 void SetTimeStamp(unsigned long long ts);      // COS::CosTime::GetTimeStamp() returns ts
@@ -21,6 +25,10 @@ std::vector<std::string> TakeLogLines();       // texts written by FormatPrintUt
                                                // formatted ("\r\n" included)
 std::vector<std::string> TakeMessages();       // texts posted with MessageMoude::InsertMsg
                                                // since the last take
+// While set, the platform's file deletions (COS::CosFile::Delete) and the
+// directory syncs after a commit go to these instead of the OS, so that a test
+// of power cuts sees every change to a store's directory; nullptr: the OS.
+void SetFileOpHooks(FileOpHook deleteFile, FileOpHook syncDir);
 }  // namespace PlatformSim
 
 #endif  // PLATFORM_PLATFORMSIM_H_

@@ -5,12 +5,18 @@
 
 #include <string>
 
+#include "PlatformSim.h"
+
 namespace PlatformSimInternal {
 
 // Each returns true and fills its argument when the figure is fixed.
 bool FixedTickCount(unsigned long long& ms);
 bool FixedTimeStamp(unsigned long long& ts);
 bool FixedDiskFreeSize(unsigned int& value);
+
+// The stand-ins set with PlatformSim::SetFileOpHooks, or nullptr.
+PlatformSim::FileOpHook FileDeleteHook();
+PlatformSim::FileOpHook DirSyncHook();
 
 void CaptureLogLine(const std::string& text);
 void CaptureMessage(const std::string& text);
