@@ -820,6 +820,9 @@ struct LoadFigure {
     std::vector<double> saveMs;  // one per timer call
     long long peakKiB = -1, startKiB = -1;
     int queries = 0;
+    int records = 0;  // received, all stores
+    long long wcharStart = -1, wcharEnd = -1;
+    unsigned long long fileBytes = 0;  // at the end, all stores
 };
 
 const int kLoadStores = 3, kLoadRate = 50, kTimerMs = 100;
@@ -839,6 +842,7 @@ LoadFigure LoadLibrary(const Sizes& sz, int rep) {
     std::atomic<bool> stop{false};
     std::atomic<unsigned long long> lastId{0};
     std::atomic<int> queries{0};
+    f.wcharStart = ReadIo().wchar;
     std::thread reader([&] {
         std::string sql;
         for (int i = 0; !stop; ++i) {
@@ -874,9 +878,13 @@ LoadFigure LoadLibrary(const Sizes& sz, int rep) {
     reader.join();
     f.queries = queries;
     f.peakKiB = reset ? StatusKiB("VmHWM") : -1;
+    f.wcharEnd = ReadIo().wchar;
+    f.records = steps * kLoadStores;
     Sqlite3DB::Destroy();
     for (int i = 0; i < kLoadStores; ++i) {
-        RemoveDir(StoreDir("load" + std::to_string(rep) + "_" + std::to_string(i) + "/"));
+        std::string dir = StoreDir("load" + std::to_string(rep) + "_" + std::to_string(i) + "/");
+        f.fileBytes += DirBytes(dir);
+        RemoveDir(dir);
     }
     return f;
 }
@@ -900,6 +908,7 @@ LoadFigure LoadBaseline(const Sizes& sz, const Durability& d, int rep) {
     std::atomic<bool> stop{false};
     std::atomic<unsigned long long> lastId{0};
     std::atomic<int> queries{0};
+    f.wcharStart = ReadIo().wchar;
     std::thread reader([&] {
         std::vector<sqlite3*> rdbs;
         for (const std::string& p : paths)
@@ -944,8 +953,11 @@ LoadFigure LoadBaseline(const Sizes& sz, const Durability& d, int rep) {
     reader.join();
     f.queries = queries;
     f.peakKiB = reset ? StatusKiB("VmHWM") : -1;
+    f.wcharEnd = ReadIo().wchar;
+    f.records = steps * kLoadStores;
     for (size_t i = 0; i < dbs.size(); ++i) {
         sqlite3_close(dbs[i]);
+        f.fileBytes += fs::file_size(paths[i]);
         fs::remove(paths[i]);
     }
     return f;
@@ -988,6 +1000,20 @@ void WorkloadLoad(const Options& opt, const Sizes& sz, const Durability& d) {
            "raw host, 1 txn per store per flush", bm, b99, bx, bq);
     printf("    %-34s median %8.3f  p99 %8.3f  max %8.3f\n", "ratio (baseline / library)",
            lm > 0 ? bm / lm : 0, l99 > 0 ? b99 / l99 : 0, lx > 0 ? bx / lx : 0);
+
+    auto bytes = [](const LoadFigure& f) {
+        std::string written = Bytes(f.wcharStart, f.wcharEnd, f.records);
+        double file = static_cast<double>(f.fileBytes) / f.records;
+        printf("%8s / %8.1f   written/file %s\n", written.c_str(), file,
+               written == "n/a" ? "n/a" : Fmt("%.1f x", atof(written.c_str()) / file).c_str());
+    };
+    printf(
+        "  bytes per record received at this load (last run): written (wchar) / files at "
+        "the end\n");
+    printf("    %-34s ", "library");
+    bytes(lib.back());
+    printf("    %-34s ", "raw host");
+    bytes(base.back());
 
     printf("\n(g) Peak resident memory of the run in (f)\n");
     auto mem = [](const LoadFigure& f) {
