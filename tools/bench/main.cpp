@@ -1070,7 +1070,6 @@ int main(int argc, char** argv) {
         opt.reps = 1;
     }
     Sizes sz = opt.quick ? QuickSizes() : FullSizes();
-    auto wanted = [&](char c) { return opt.only.empty() || opt.only.find(c) != std::string::npos; };
 
     std::string base = opt.dir.empty() ? "/tmp" : opt.dir;
     fs::create_directories(base);
@@ -1099,18 +1098,20 @@ int main(int argc, char** argv) {
     fflush(stdout);
 
     // (f) first: its peak memory is then the run's, not an earlier workload's.
-    if (wanted('f') || wanted('g'))
-        WorkloadLoad(opt, sz, d);
-    if (wanted('a'))
-        WorkloadIngest(opt, sz);
-    if (wanted('b'))
-        WorkloadDurable(opt, sz, d);
-    if (wanted('c'))
-        WorkloadFlush(opt, sz, d);
-    if (wanted('d'))
-        WorkloadQuery(opt, sz);
-    if (wanted('e'))
-        WorkloadScan(opt, sz);
+    const struct {
+        const char* letters;
+        std::function<void()> run;
+    } workloads[] = {
+        {"fg", [&] { WorkloadLoad(opt, sz, d); }},   {"a", [&] { WorkloadIngest(opt, sz); }},
+        {"b", [&] { WorkloadDurable(opt, sz, d); }}, {"c", [&] { WorkloadFlush(opt, sz, d); }},
+        {"d", [&] { WorkloadQuery(opt, sz); }},      {"e", [&] { WorkloadScan(opt, sz); }},
+    };
+    for (const auto& w : workloads) {
+        if (opt.only.empty() || opt.only.find_first_of(w.letters) != std::string::npos) {
+            w.run();
+            fflush(stdout);
+        }
+    }
 
     Sqlite3DB::Destroy();
     RemoveDir(g_root);
