@@ -218,8 +218,8 @@ void DbData::SaveCmdInfo(CppSQLite3DB* db) {
                 m_nLastID = cmd.nID;
                 UpdateDBMemoryInfo_in(cmd.nTime, cmd.nID);
             }
-            // The entry is removed from the queue; the store keeps it for reuse.
-            m_listSpareCmd.splice(m_listSpareCmd.end(), m_listInsertCmd, m_listInsertCmd.begin());
+            // Removed from the queue, kept for reuse: the latest first, still in cache.
+            m_listSpareCmd.splice(m_listSpareCmd.begin(), m_listInsertCmd, m_listInsertCmd.begin());
         }
         db->execDML("commit");
         ++m_nChangeNum;
