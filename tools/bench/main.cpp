@@ -1023,6 +1023,10 @@ void WorkloadLoad(const Options& opt, const Sizes& sz, const Durability& d) {
     };
     printf("    %-34s %s\n", "library", mem(lib.back()).c_str());
     printf("    %-34s %s\n", "raw host", mem(base.back()).c_str());
+    if (lib.back().peakKiB > 0 && base.back().peakKiB > 0) {
+        printf("    %-34s %.3f x\n", "ratio (raw host / library)",
+               static_cast<double>(base.back().peakKiB) / lib.back().peakKiB);
+    }
     if (lib.back().peakKiB < 0) {
         long long hwm = StatusKiB("VmHWM");
         printf("    (no peak reset here; process peak so far: %s)\n",
