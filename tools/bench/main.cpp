@@ -1085,6 +1085,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     g_root = std::string(tmpl.data()) + "/";
+    std::atexit([] { RemoveDir(g_root); });  // also when a workload fails
 
     Sqlite3DB::Sqlit3DBEnable(argv[0]);
     CHmiMedia::SetSDPath(g_root);  // every store of the run lives under g_root
@@ -1118,7 +1119,6 @@ int main(int argc, char** argv) {
     }
 
     Sqlite3DB::Destroy();
-    RemoveDir(g_root);
     printf("\ndone\n");
     return 0;
 }
