@@ -214,7 +214,6 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
 int CosFile::ExistFile(const std::string& path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && DirStaysOnItsMedium(path);
-    return OsCalls::Stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
 // Never through a directory on a medium that leads off it.
@@ -240,30 +239,72 @@ int CosFile::FileSize(const std::string& path, unsigned int& size) {
 // --- CosMutex -----------------------------------------------------------------
 
 void CosMutex::Lock() {
+    int expected = 0;
+    if (m_nState.compare_exchange_strong(expected, 1)) {
+        return;
+    }
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_cond.wait(lock, [this] { return !m_bLocked; });
-    m_bLocked = true;
+    ++m_nWaiters;
+    m_cond.wait(lock, [this] { return TakeForWaiter(); });
+    WaiterLeaves();
 }
 
 void CosMutex::Unlock() {
-    // Notify while m_mutex is held: a waiter that takes the lock may destroy
-    // this object as soon as it returns.
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_bLocked) {
-        return;  // releasing a free lock is allowed and does nothing
+    int expected = 1;
+    if (m_nState.compare_exchange_strong(expected, 0) || expected == 0) {
+        return;  // released with nobody waiting, or it was free: nothing to do
     }
-    m_bLocked = false;
-    m_cond.notify_one();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int state = m_nState.load();
+    while (state == 1 && !m_nState.compare_exchange_strong(state, 0)) {
+    }
+    if (state != 2) {
+        return;
+    }
+    if (m_bHandOff) {
+        // Released again before the waiter it was handed to woke (an Unlock
+        // by another thread): free it; the waiters compete for it.
+        m_bHandOff = false;
+        m_nState.store(0);
+        m_cond.notify_one();
+    } else if (m_nWaiters > 0) {
+        m_bHandOff = true;  // stays held (2): passed on to a waiter
+        m_cond.notify_one();
+    } else {
+        m_nState.store(0);  // defensive: a waiter always clears 2 when it leaves
+    }
 }
 
 int CosMutex::TryLock(unsigned int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (!m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                         [this] { return !m_bLocked; })) {
-        return 0;
+    int expected = 0;
+    if (m_nState.compare_exchange_strong(expected, 1)) {
+        return 1;
     }
-    m_bLocked = true;
-    return 1;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_nWaiters;
+    const bool taken = m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                       [this] { return TakeForWaiter(); });
+    WaiterLeaves();
+    return taken ? 1 : 0;
+}
+
+// Claims a lock handed over by Unlock, or takes a free one; otherwise marks
+// the lock as waited for (2), so that its holder's Unlock comes here.
+bool CosMutex::TakeForWaiter() {
+    if (m_bHandOff) {
+        m_bHandOff = false;
+        return true;
+    }
+    return m_nState.exchange(2) == 0;
+}
+
+// The last waiter to leave, with or without the lock, turns 2 back into 1:
+// the lock stays held, and its next Unlock is the fast one again.
+void CosMutex::WaiterLeaves() {
+    if (--m_nWaiters == 0 && !m_bHandOff) {
+        int expected = 2;
+        m_nState.compare_exchange_strong(expected, 1);
+    }
 }
 
 // --- CosOsState ---------------------------------------------------------------

@@ -4,6 +4,7 @@
 #ifndef PLATFORM_COS_H_
 #define PLATFORM_COS_H_
 
+#include <atomic>
 #include <condition_variable>
 #include <list>
 #include <mutex>
@@ -45,6 +46,12 @@ public:
 // A binary lock. Lock() waits while anyone holds it; Unlock() releases it
 // whoever holds it and does nothing when it is free. A second Lock() by the
 // holder waits forever, as a plain non-recursive mutex does on the panel.
+//
+// Taking a free lock and releasing one nobody waits for is one atomic
+// operation each (every queued command takes a store's lock). A waiter
+// blocks on m_cond, and an Unlock that finds one hands the lock straight to
+// it: the lock never reads as free in between, so nobody else can take it
+// and destroy the object while that Unlock still uses it.
 class CosMutex {
 public:
     CosMutex() = default;
@@ -57,9 +64,15 @@ public:
     int TryLock(unsigned int timeoutMs);
 
 private:
+    bool TakeForWaiter();  // REQUIRES: m_mutex held
+    void WaiterLeaves();   // REQUIRES: m_mutex held
+
+    // 0 free; 1 held; 2 held, and a waiter may be registered.
+    std::atomic<int> m_nState{0};
     std::mutex m_mutex;
     std::condition_variable m_cond;
-    bool m_bLocked = false;  // guarded by m_mutex
+    int m_nWaiters = 0;       // guarded by m_mutex
+    bool m_bHandOff = false;  // guarded by m_mutex: handed to a waiter, not yet claimed
 };
 
 class CosOsState {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "CHmiMedia.h"
 #include "Sqlite3DB/ComFun.h"
@@ -72,6 +73,9 @@ DbData::~DbData() {
     for (_tagDBSqlCmdInfo& cmd : m_listOtherCmd) {
         delete cmd.pSql;
     }
+    for (_tagDBSqlCmdInfo& cmd : m_listSpareCmd) {
+        delete cmd.pSql;
+    }
 }
 
 int DbData::HasSaveDir() {
@@ -134,12 +138,22 @@ int DbData::AddNode(_tagDBSqlCmdInfo& cmd) {
         m_mutexCmd.Unlock();
         return 0;
     }
-    _tagDBSqlCmdInfo entry = cmd;
-    entry.pSql = new std::string(cmd.pSql->c_str());  // up to the first NUL
-    if (StartsWith(*entry.pSql, "insert") || StartsWith(*entry.pSql, "replace")) {
-        m_listInsertCmd.push_back(entry);
+    const char* text = cmd.pSql->c_str();  // copied up to the first NUL
+    std::list<_tagDBSqlCmdInfo>& queue =
+        strncmp(text, "insert", 6) == 0 || strncmp(text, "replace", 7) == 0 ? m_listInsertCmd
+                                                                            : m_listOtherCmd;
+    if (m_listSpareCmd.empty()) {
+        _tagDBSqlCmdInfo entry = cmd;
+        entry.pSql = new std::string(text);
+        queue.push_back(entry);
     } else {
-        m_listOtherCmd.push_back(entry);
+        // A spare entry and its string's buffer are reused: no allocation.
+        queue.splice(queue.end(), m_listSpareCmd, m_listSpareCmd.begin());
+        _tagDBSqlCmdInfo& entry = queue.back();
+        std::string* copy = entry.pSql;
+        entry = cmd;
+        entry.pSql = copy;
+        copy->assign(text);
     }
     m_mutexCmd.Unlock();
     return 1;
@@ -204,8 +218,8 @@ void DbData::SaveCmdInfo(CppSQLite3DB* db) {
                 m_nLastID = cmd.nID;
                 UpdateDBMemoryInfo_in(cmd.nTime, cmd.nID);
             }
-            delete cmd.pSql;
-            m_listInsertCmd.pop_front();
+            // Removed from the queue, kept for reuse: the latest first, still in cache.
+            m_listSpareCmd.splice(m_listSpareCmd.begin(), m_listInsertCmd, m_listInsertCmd.begin());
         }
         db->execDML("commit");
         ++m_nChangeNum;

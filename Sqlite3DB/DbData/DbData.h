@@ -203,6 +203,9 @@ public:
     int m_nOtherCmdNum;                  // guarded by m_mutexSave
     int m_bClearOnReload;
     int m_bHasSaveDir;
+    // Entries the save cycle has run, kept with their strings so that AddNode
+    // reuses them instead of allocating; never more than one queue's worth.
+    std::list<_tagDBSqlCmdInfo> m_listSpareCmd;  // guarded by m_mutexCmd
 };
 
 #endif  // SQLITE3DB_DBDATA_DBDATA_H_

@@ -234,6 +234,63 @@ TEST_F(PlatformCosTest, LockExcludesOtherThreads) {
     EXPECT_EQ(8000, shared->counter);
 }
 
+TEST_F(PlatformCosTest, LockHandOverAmongWaitersAndTimedTriesKeepsExclusion) {
+    // Waiters that take the lock handed over by Unlock, and timed tries that
+    // give up or succeed in between: one thread inside at most, none stuck.
+    struct Shared {
+        CosMutex m;
+        std::atomic<int> inside{0};
+        std::atomic<int> maxInside{0};
+        std::atomic<int> finished{0};
+        std::atomic<bool> allDone{false};
+    };
+    auto shared = std::make_shared<Shared>();
+    const int kThreads = 3;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([shared] {
+            for (int i = 0; i < 1000; ++i) {
+                shared->m.Lock();
+                int now = ++shared->inside;
+                int seen = shared->maxInside;
+                while (now > seen && !shared->maxInside.compare_exchange_weak(seen, now)) {
+                }
+                --shared->inside;
+                shared->m.Unlock();
+            }
+            if (++shared->finished == kThreads) {
+                shared->allDone = true;
+            }
+        });
+    }
+    std::thread stray([shared] {
+        while (!shared->allDone) {
+            if (shared->m.TryLock(1)) {
+                int now = ++shared->inside;
+                int seen = shared->maxInside;
+                while (now > seen && !shared->maxInside.compare_exchange_weak(seen, now)) {
+                }
+                --shared->inside;
+                shared->m.Unlock();
+            }
+        }
+    });
+    if (!WaitFor(shared->allDone)) {
+        for (std::thread& t : threads) {
+            t.detach();
+        }
+        stray.detach();
+        FAIL() << "threads stuck in Lock()";
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    stray.join();
+    EXPECT_EQ(1, shared->maxInside);
+    ASSERT_NE(0, shared->m.TryLock(0));  // free at the end
+    shared->m.Unlock();
+}
+
 // --- CosOsState ----------------------------------------------------------------
 
 TEST_F(PlatformCosTest, DiskFreeSizeMatchesStatvfs) {

@@ -203,6 +203,39 @@ TEST_F(CommandQueueTest, ATextStartingWithNulIsQueuedEmptyAsAnOtherCommand) {
     EXPECT_EQ("", *m_store.m_listOtherCmd.front().pSql);
 }
 
+TEST_F(CommandQueueTest, EntriesReusedAfterACycleCarryOnlyTheNewCommand) {
+    Configure();
+    const std::string longText = InsertSql(1) + "                                        ";
+    ASSERT_EQ(1, Add(m_store, longText, 1, 1, 10));
+    ASSERT_EQ(1, Add(m_store, InsertSql(2), 1, 2, 20));
+    Snapshot();
+    m_store.SaveCmdInfo(m_store.m_pMemDB);
+    ASSERT_TRUE(m_store.m_listInsertCmd.empty());
+
+    // Shorter texts, a cut at a NUL, the other queue and another type.
+    const std::string head = "insert into rec values(3, 30, 'y')";
+    ASSERT_EQ(1, Add(m_store, head + std::string(1, '\0') + "tail", 0, 0, 0));
+    ASSERT_EQ(1, Add(m_store, "update rec set v = 'z'", 1, 9, 90));
+    ASSERT_EQ(1, Add(m_store, InsertSql(4), 1, 4, 40));
+    EXPECT_EQ((std::vector<std::string>{head, InsertSql(4)}), Texts(m_store.m_listInsertCmd));
+    EXPECT_EQ((std::vector<std::string>{"update rec set v = 'z'"}), Texts(m_store.m_listOtherCmd));
+    const _tagDBSqlCmdInfo& first = m_store.m_listInsertCmd.front();
+    EXPECT_EQ(0, first.nType);
+    EXPECT_EQ(0u, first.nID);
+    EXPECT_EQ(0u, first.nTime);
+    const _tagDBSqlCmdInfo& other = m_store.m_listOtherCmd.front();
+    EXPECT_EQ(1, other.nType);
+    EXPECT_EQ(9u, other.nID);
+    EXPECT_EQ(90u, other.nTime);
+    EXPECT_NE(first.pSql, m_store.m_listInsertCmd.back().pSql);
+
+    // The reused entries run like fresh ones.
+    Snapshot();
+    m_store.SaveCmdInfo(m_store.m_pMemDB);
+    EXPECT_TRUE(m_store.m_listInsertCmd.empty());
+    EXPECT_EQ(4, BufferedRows());
+}
+
 TEST_F(CommandQueueTest, AddNodeWaitsWhileTheQueueLockIsHeld) {
     m_store.m_mutexCmd.Lock();  // as a running insert batch holds it
     std::future<int> queued =
