@@ -50,6 +50,11 @@ int Stat(const char* path, struct stat* st) {
     return hook ? hook(path, st) : stat(path, st);
 }
 
+int Lstat(const char* path, struct stat* st) {
+    StatFn hook = statHook.load();
+    return hook ? hook(path, st) : lstat(path, st);
+}
+
 int StatVfs(const char* path, struct statvfs* vfs) {
     StatVfsFn hook = statVfsHook.load();
     return hook ? hook(path, vfs) : statvfs(path, vfs);
@@ -129,13 +134,15 @@ unsigned int ClampToUInt(unsigned long long value) {
 bool DirStaysOnItsMedium(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos || StaysOnItsMedium(path.substr(0, slash + 1));
-    // blocks * blockSize / 1024 without wrapping: past 2^64 bytes it gives the maximum.
-    unsigned long long KiB(unsigned long long blocks, unsigned long long blockSize) {
-        if (blockSize != 0 && blocks > ULLONG_MAX / blockSize) {
-            return ULLONG_MAX;
-        }
-        return blocks * blockSize / 1024ULL;
+}
+
+// blocks * blockSize / 1024 without wrapping: past 2^64 bytes it gives the maximum.
+unsigned long long KiB(unsigned long long blocks, unsigned long long blockSize) {
+    if (blockSize != 0 && blocks > ULLONG_MAX / blockSize) {
+        return ULLONG_MAX;
     }
+    return blocks * blockSize / 1024ULL;
+}
 
 }  // namespace
 
@@ -153,8 +160,7 @@ namespace COS {
 
 int CosDir::IsDir(const std::string& path) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && StaysOnItsMedium(path);
-    return OsCalls::Stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return OsCalls::Stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && StaysOnItsMedium(path);
 }
 
 int CosDir::MakeDir(const std::string& path) {
@@ -213,7 +219,8 @@ int CosDir::ListDir(const std::string& dir, int flags, std::string pattern,
 // a link is seen (and deleted before a new file is made there).
 int CosFile::ExistFile(const std::string& path) {
     struct stat st;
-    return lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && DirStaysOnItsMedium(path);
+    return OsCalls::Lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) &&
+           DirStaysOnItsMedium(path);
 }
 
 // Never through a directory on a medium that leads off it.

@@ -30,6 +30,7 @@ extern std::atomic<StatVfsFn> statVfsHook;
 struct dirent* ReadDir(DIR* dir);
 int ClockGetTime(clockid_t clock, struct timespec* ts);
 int Stat(const char* path, struct stat* st);
+int Lstat(const char* path, struct stat* st);  // the stat hook stands in for it too
 int StatVfs(const char* path, struct statvfs* vfs);
 
 }  // namespace OsCalls
