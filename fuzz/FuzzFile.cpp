@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -78,7 +79,15 @@ std::vector<std::string> Names() {
     if (d == nullptr) {
         std::abort();
     }
-    while (const dirent* entry = readdir(d)) {
+    for (;;) {
+        errno = 0;
+        const dirent* entry = readdir(d);
+        if (entry == nullptr) {
+            if (errno != 0) {
+                std::abort();  // a listing cut short would hide a side file
+            }
+            break;
+        }
         const std::string name = entry->d_name;
         if (name != "." && name != "..") {
             names.push_back(name);
