@@ -57,9 +57,8 @@ export ASAN_OPTIONS=detect_leaks=1:quarantine_size_mb=1:malloc_context_size=2:ma
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 pids=()
 for target in scan inspect; do
-  dirs=("$seeds/store" "$seeds/crafted" "fuzz/regressions/$target")
-  # Endless schema code only where the connections refuse to run it.
-  [ "$target" = inspect ] && dirs+=("$seeds/endless")
+  # Both targets' connections refuse views, so endless schema code is a seed of both.
+  dirs=("$seeds/store" "$seeds/crafted" "$seeds/endless" "fuzz/regressions/$target")
   mkdir -p "$BUILD_DIR/corpus/$target" "$BUILD_DIR/artifacts/$target"
   "$BUILD_DIR/fuzz/sqlite3db_fuzz_$target" "$BUILD_DIR/corpus/$target" "${dirs[@]}" \
     -runs="$FUZZ_RUNS" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=1024 -close_fd_mask=3 \
