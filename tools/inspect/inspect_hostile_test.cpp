@@ -59,13 +59,7 @@ std::string ReadRegular(const std::string& path) {
 Outcome InspectWithWatchdog(const std::vector<std::string>& args) {
     testutil::TempDir scratch;
     const std::string outPath = scratch.path() + "out", errPath = scratch.path() + "err";
-    std::vector<std::string> command;
-    if (const char* emulator = std::getenv("SQLITE3DB_EMULATOR")) {
-        std::istringstream words(emulator);
-        for (std::string word; words >> word;) {
-            command.push_back(word);
-        }
-    }
+    std::vector<std::string> command = testutil::EmulatorCommand();
     command.push_back(SQLITE3DB_INSPECT);
     command.insert(command.end(), args.begin(), args.end());
     const pid_t pid = fork();
