@@ -10,6 +10,12 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 BUILD_DIR=${BUILD_DIR:-build-armhf}
+# The sysroot lives outside the checkout: the cross linker's flags cannot
+# carry a path with a blank, and the tests that run the inspector as user
+# "nobody" under qemu-arm need a sysroot that user can read, which a checkout
+# in a home directory (0700) is not.
+export ARMHF_SYSROOT=${ARMHF_SYSROOT:-/var/tmp/sqlite3db-armhf-sysroot}
+export SQLITE3DB_ARMHF_SYSROOT="$ARMHF_SYSROOT"
 jobs=$(nproc 2>/dev/null || echo 2)
 t0=$(date +%s)
 bash scripts/armhf-setup.sh
