@@ -9,6 +9,7 @@
 #       the emulator
 set -euo pipefail
 read -r -a emulator <<<"${SQLITE3DB_EMULATOR:-}"
+IFS='|' read -r -a cross_args <<<"${SQLITE3DB_CROSS_CMAKE_ARGS:-}"  # "|" between arguments
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -17,7 +18,7 @@ trap 'rm -rf "$work"' EXIT
 
 # shellcheck disable=SC2086
 cmake -S "$here" -B "$work" -DSQLITE3DB_ROOT="$root" -DCMAKE_BUILD_TYPE=Release \
-  ${SQLITE3DB_CROSS_CMAKE_ARGS:-} ${CONSUMER_CMAKE_ARGS:-}
+  ${cross_args[@]+"${cross_args[@]}"} ${CONSUMER_CMAKE_ARGS:-}
 cmake --build "$work" -j 2
 
 # The library's own tests are not part of a host's build.

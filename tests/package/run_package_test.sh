@@ -7,12 +7,12 @@
 #   run_package_test.sh BUILD_DIR [SANITIZERS]
 # SANITIZERS (e.g. address,undefined) must match the build's, so that the
 # consumers load the sanitizer runtime the library needs.
-# A cross build's tests set SQLITE3DB_CROSS_CMAKE_ARGS (toolchain), SQLITE3DB_CXX
+# A cross build's tests set SQLITE3DB_CROSS_CMAKE_ARGS (toolchain, "|" between), SQLITE3DB_CXX
 # (compiler and flags) and SQLITE3DB_EMULATOR: the consumers are then built
 # for the target and run under the emulator.
 set -euo pipefail
 read -r -a emulator <<<"${SQLITE3DB_EMULATOR:-}"
-read -r -a cross_args <<<"${SQLITE3DB_CROSS_CMAKE_ARGS:-}"
+IFS='|' read -r -a cross_args <<<"${SQLITE3DB_CROSS_CMAKE_ARGS:-}"  # "|" between arguments
 read -r -a cxx <<<"${SQLITE3DB_CXX:-c++}"
 
 build=$(cd "${1:?usage: run_package_test.sh BUILD_DIR [SANITIZERS]}" && pwd)
