@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "SqliteSettings.h"
+#include "StatementCache.h"
 
 namespace CBBSQL {
 
@@ -221,7 +222,7 @@ const std::string* CppSQLite3Table::cell(int field) const {
 
 // --- CppSQLite3DB --------------------------------------------------------------
 
-CppSQLite3DB::CppSQLite3DB() : m_pDB(nullptr) {}
+CppSQLite3DB::CppSQLite3DB() : m_pDB(nullptr), m_pInserts(new StatementCache) {}
 
 CppSQLite3DB::~CppSQLite3DB() {
     close();
@@ -267,6 +268,7 @@ void CppSQLite3DB::setUp(sqlite3* db) {
 // close_v2 lets cursors that are still open keep the connection alive until
 // they are finalised.
 void CppSQLite3DB::close() {
+    m_pInserts->clear();
     if (m_pDB) {
         sqlite3_close_v2(m_pDB);
         m_pDB = nullptr;
@@ -277,6 +279,10 @@ int CppSQLite3DB::execDML(const char* sql) {
     checkDB();
     if (!sql) {
         throw CppSQLite3Exception(SQLITE_MISUSE, kNoStatement);
+    }
+    int cached = execCachedInsert(sql);
+    if (cached >= 0) {
+        return cached;
     }
     int before = sqlite3_total_changes(m_pDB);
     const char* tail = sql;
@@ -294,6 +300,57 @@ int CppSQLite3DB::execDML(const char* sql) {
         }
     }
     return sqlite3_total_changes(m_pDB) - before;
+}
+
+// Runs an insert of plain values through the compiled form of its shape (see
+// StatementCache.h). Returns -1, having run nothing, when the text is not such
+// an insert or its shape does not compile: the caller then runs the text as
+// written, so that a faulty text reports its own error.
+int CppSQLite3DB::execCachedInsert(const char* sql) {
+    thread_local InsertParts parts;
+    if (!SplitInsert(sql, parts)) {
+        return -1;
+    }
+    sqlite3_stmt* stmt = m_pInserts->take(parts.shape);
+    if (!stmt) {
+        StepGuard timed;
+        int rc =
+            sqlite3_prepare_v3(m_pDB, parts.shape.c_str(), static_cast<int>(parts.shape.size()),
+                               SQLITE_PREPARE_PERSISTENT, &stmt, nullptr);
+        if (rc != SQLITE_OK || !stmt ||
+            sqlite3_bind_parameter_count(stmt) != static_cast<int>(parts.values.size())) {
+            sqlite3_finalize(stmt);
+            return -1;
+        }
+    }
+    // Dropped from the cache when the step throws.
+    struct Taken {
+        StatementCache* cache;
+        sqlite3_stmt* stmt;
+        ~Taken() {
+            if (stmt) {
+                cache->drop(stmt);
+            }
+        }
+    } taken{m_pInserts.get(), stmt};
+    for (size_t i = 0; i < parts.values.size(); ++i) {
+        const InsertValue& v = parts.values[i];
+        int at = static_cast<int>(i) + 1;
+        int rc = v.isText ? sqlite3_bind_text(stmt, at, v.text, v.bytes, SQLITE_STATIC)
+                          : sqlite3_bind_int64(stmt, at, v.integer);
+        if (rc != SQLITE_OK) {
+            return -1;
+        }
+    }
+    int before = sqlite3_total_changes(m_pDB);
+    while (Step(m_pDB, stmt)) {
+    }
+    int changes = sqlite3_total_changes(m_pDB) - before;
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);  // the values point into this call's text
+    taken.stmt = nullptr;
+    m_pInserts->give(parts.shape, stmt);
+    return changes;
 }
 
 // For statements formatted from file names and paths: a text that holds a

@@ -8,6 +8,7 @@
 #ifndef PLATFORM_CBBSQL_H_
 #define PLATFORM_CBBSQL_H_
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace CBBSQL {
+
+class StatementCache;
 
 class CppSQLite3Exception {
 public:
@@ -104,7 +107,9 @@ public:
     int openWithoutCreate(const char* path);
     void close();
 
-    // Runs every statement of the text; returns the rows they changed.
+    // Runs every statement of the text; returns the rows they changed. An
+    // insert of plain values reuses the compiled form of an earlier one of the
+    // same shape, with the same result.
     int execDML(const char* sql);
     // Runs the one statement of the text; throws, running nothing, when the
     // text holds more than one. Returns the rows it changed.
@@ -119,8 +124,10 @@ private:
     void checkDB() const;
     sqlite3_stmt* compile(const char* sql);
     sqlite3_stmt* prepare(const char* sql, const char** tail);
+    int execCachedInsert(const char* sql);
 
     sqlite3* m_pDB;
+    std::unique_ptr<StatementCache> m_pInserts;  // compiled inserts, finalised at close
 };
 
 }  // namespace CBBSQL
