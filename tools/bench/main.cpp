@@ -256,6 +256,17 @@ void ApplyDurability(sqlite3* db, const Durability& d) {
     Exec(db, ("PRAGMA synchronous=" + d.synchronous).c_str());
 }
 
+// Runs "insert into alarm values(?,?,?)" with record id's values bound.
+void InsertBound(sqlite3_stmt* insert, unsigned long long id) {
+    char text[32];
+    snprintf(text, sizeof(text), "Pump %u overload", static_cast<unsigned>(id % 97));
+    sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(id));
+    sqlite3_bind_int64(insert, 2, static_cast<sqlite3_int64>(kTime0 + id * kTimeStep));
+    sqlite3_bind_text(insert, 3, text, -1, SQLITE_TRANSIENT);
+    sqlite3_step(insert);
+    sqlite3_reset(insert);
+}
+
 // Writes a store file in the library's format: the data table with records
 // [firstId, firstId + count) and the DBInfo row describing them.
 void WriteStoreFile(const std::string& path, unsigned long long firstId, int count,
@@ -269,14 +280,7 @@ void WriteStoreFile(const std::string& path, unsigned long long firstId, int cou
     sqlite3_stmt* st = nullptr;
     sqlite3_prepare_v2(db, "insert into alarm values(?,?,?)", -1, &st, nullptr);
     for (int i = 0; i < count; ++i) {
-        unsigned long long id = firstId + i;
-        char text[32];
-        snprintf(text, sizeof(text), "Pump %u overload", static_cast<unsigned>(id % 97));
-        sqlite3_bind_int64(st, 1, static_cast<sqlite3_int64>(id));
-        sqlite3_bind_int64(st, 2, static_cast<sqlite3_int64>(kTime0 + id * kTimeStep));
-        sqlite3_bind_text(st, 3, text, -1, SQLITE_TRANSIENT);
-        sqlite3_step(st);
-        sqlite3_reset(st);
+        InsertBound(st, firstId + i);
     }
     sqlite3_finalize(st);
     unsigned long long lastId = firstId + count - 1;
@@ -367,14 +371,7 @@ extern "C" __attribute__((noinline)) void BenchIngestPrepared(sqlite3* db, sqlit
                                                               int first, int end) {
     sqlite3_exec(db, "begin", nullptr, nullptr, nullptr);
     for (int k = first; k < end; ++k) {
-        unsigned long long id = static_cast<unsigned long long>(k + 1);
-        char text[32];
-        snprintf(text, sizeof(text), "Pump %u overload", static_cast<unsigned>(id % 97));
-        sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(id));
-        sqlite3_bind_int64(insert, 2, static_cast<sqlite3_int64>(kTime0 + id * kTimeStep));
-        sqlite3_bind_text(insert, 3, text, -1, SQLITE_TRANSIENT);
-        sqlite3_step(insert);
-        sqlite3_reset(insert);
+        InsertBound(insert, static_cast<unsigned long long>(k + 1));
     }
     sqlite3_exec(db, "commit", nullptr, nullptr, nullptr);
 }
