@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # CI: a bounded libFuzzer run of each fuzz target (fuzz/): the store's scan of
-# one file and the inspector's reading of one file, built with Debian's clang
+# one file, the inspector's reading of one file and the connection's compiled
+# inserts against the engine's own run of the text, built with Debian's clang
 # with the address and undefined-behaviour sanitizers. Installs clang and its
 # fuzzer runtime when missing (as root). Fails on any crash, hang, leak or
 # sanitizer report; the input is left in $BUILD_DIR/artifacts/<target>/ and
 # belongs in fuzz/regressions/<target>/ once the cause is fixed.
 #   BUILD_DIR     build directory (default: build-fuzz)
 #   FUZZ_RUNS     inputs each target runs (default: 150000)
-#   FUZZ_SECONDS  the most time each target may take (default: 120); the two
-#                 run side by side, one per core. 150000 inputs take the scan
+#   FUZZ_SECONDS  the most time each target may take (default: 120); the
+#                 three run side by side. 150000 inputs take the scan
 #                 about 25 s and the inspector about 45 s of CPU time; on a
 #                 busy machine the time bound stops them with fewer inputs,
 #                 which prints a warning, not a failure.
@@ -44,7 +45,7 @@ cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DSQLITE3DB_FUZZ=ON -DSQLITE3DB_SANITIZE=address,undefined \
   -DSQLITE3DB_BUILD_TESTS=OFF -DSQLITE3DB_BUILD_TOOLS=OFF -DSQLITE3DB_INSTALL=OFF
 cmake --build "$BUILD_DIR" -j "$(nproc 2>/dev/null || echo 2)" \
-  --target sqlite3db_fuzz_scan sqlite3db_fuzz_inspect sqlite3db_fuzz_seeds
+  --target sqlite3db_fuzz_scan sqlite3db_fuzz_inspect sqlite3db_fuzz_insert sqlite3db_fuzz_seeds
 
 # Fresh seeds written by the library, the crafted shapes, and the kept inputs.
 seeds="$BUILD_DIR/seeds"
@@ -56,9 +57,12 @@ rm -rf "$seeds" "$BUILD_DIR/corpus" "$BUILD_DIR/artifacts" "$BUILD_DIR"/fuzz-*.l
 export ASAN_OPTIONS=detect_leaks=1:quarantine_size_mb=1:malloc_context_size=2:max_malloc_fill_size=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 pids=()
-for target in scan inspect; do
-  # Both targets' connections refuse views, so endless schema code is a seed of both.
+for target in scan inspect insert; do
+  # Both file targets' connections refuse views, so endless schema code is a seed of both.
   dirs=("$seeds/store" "$seeds/crafted" "$seeds/endless" "fuzz/regressions/$target")
+  if [ "$target" = insert ]; then
+    dirs=("fuzz/regressions/$target")  # insert texts, not files
+  fi
   mkdir -p "$BUILD_DIR/corpus/$target" "$BUILD_DIR/artifacts/$target"
   "$BUILD_DIR/fuzz/sqlite3db_fuzz_$target" "$BUILD_DIR/corpus/$target" "${dirs[@]}" \
     -runs="$FUZZ_RUNS" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=1024 -close_fd_mask=3 \
@@ -69,7 +73,7 @@ done
 
 status=0
 i=0
-for target in scan inspect; do
+for target in scan inspect insert; do
   rc=0
   wait "${pids[$i]}" || rc=$?
   i=$((i + 1))

@@ -1,0 +1,1 @@
+insert into nowhere values(1)

@@ -1,0 +1,1 @@
+replace into 'u' values ('x', '  12 ')
