@@ -60,13 +60,15 @@ pids=()
 for target in scan inspect insert; do
   # Both file targets' connections refuse views, so endless schema code is a seed of both.
   dirs=("$seeds/store" "$seeds/crafted" "$seeds/endless" "fuzz/regressions/$target")
+  extra=()
   if [ "$target" = insert ]; then
     dirs=("fuzz/regressions/$target")  # insert texts, not files
+    extra=(-dict=fuzz/insert.dict)
   fi
   mkdir -p "$BUILD_DIR/corpus/$target" "$BUILD_DIR/artifacts/$target"
   "$BUILD_DIR/fuzz/sqlite3db_fuzz_$target" "$BUILD_DIR/corpus/$target" "${dirs[@]}" \
     -runs="$FUZZ_RUNS" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=1024 -close_fd_mask=3 \
-    -print_final_stats=1 -artifact_prefix="$BUILD_DIR/artifacts/$target/" \
+    -print_final_stats=1 -artifact_prefix="$BUILD_DIR/artifacts/$target/" "${extra[@]}" \
     >"$BUILD_DIR/fuzz-$target.log" 2>&1 &
   pids+=($!)
 done

@@ -1,1 +1,1 @@
-insert into t(a, b) values(-9223372036854775807, 13)
+!insert into t(a, b) values(-9223372036854775807, 13)

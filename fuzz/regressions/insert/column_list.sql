@@ -1,1 +1,1 @@
-INSERT OR REPLACE INTO t (g, f, e, d, c, b, a) VALUES ('it''s', +007, - 12, '', 9223372036854775807, '1e3', 4);
+!INSERT OR REPLACE INTO t (g, f, e, d, c, b, a) VALUES ('it''s', +007, - 12, '', 9223372036854775807, '1e3', 4);

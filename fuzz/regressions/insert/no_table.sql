@@ -1,1 +1,1 @@
-insert into nowhere values(1)
+!insert into nowhere values(1)

@@ -1,1 +1,1 @@
-insert into u(y, x) values('ä€', 'a''''b') ;  
+!insert into u(y, x) values('ä€', 'a''''b') ;  

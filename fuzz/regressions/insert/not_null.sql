@@ -1,1 +1,1 @@
-insert or ignore into main."u"(x) values(NULL)
+!insert or ignore into main."u"(x) values(NULL)

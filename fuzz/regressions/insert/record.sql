@@ -1,1 +1,1 @@
-insert into t values(17, 1717236001700, 'Pump 17 overload', NULL, 5, '12', -3)
+!insert into t values(17, 1717236001700, 'Pump 17 overload', NULL, 5, '12', -3)

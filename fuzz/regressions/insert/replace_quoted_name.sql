@@ -1,1 +1,1 @@
-replace into 'u' values ('x', '  12 ')
+!replace into 'u' values ('x', '  12 ')
