@@ -22,6 +22,7 @@
 #include "CBBSQL.h"
 #include "SqliteSettings.h"
 #include "StatementCache.h"
+#include "tests/SameAsEngine.h"
 
 namespace {
 
@@ -35,61 +36,6 @@ const char* const kDumps[] = {
     "rowid",
     "SELECT rowid, quote(x), typeof(x), quote(y), typeof(y) FROM u ORDER BY rowid",
 };
-
-std::string Outcome(bool ok, int code, const char* message, int changes) {
-    return ok ? "ok, changes " + std::to_string(changes)
-              : "error " + std::to_string(code & 0xff) + ": " + message;
-}
-
-std::string ViaLibrary(CBBSQL::CppSQLite3DB& db, const std::string& sql) {
-    try {
-        return Outcome(true, 0, "", db.execDML(sql.c_str()));
-    } catch (const CBBSQL::CppSQLite3Exception& e) {
-        return Outcome(false, e.errorCode(), e.errorMessage(), 0);
-    }
-}
-
-std::string ViaEngine(sqlite3* db, const std::string& sql) {
-    int before = sqlite3_total_changes(db);
-    char* error = nullptr;
-    int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error);
-    std::string out =
-        Outcome(rc == SQLITE_OK, rc, error ? error : "", sqlite3_total_changes(db) - before);
-    sqlite3_free(error);
-    return out;
-}
-
-std::string DumpLibrary(CBBSQL::CppSQLite3DB& db, const char* sql) {
-    CBBSQL::CppSQLite3Table table = db.getTable(sql);
-    std::string out;
-    for (int r = 0; r < table.numRows(); ++r) {
-        table.setRow(r);
-        for (int f = 0; f < table.numFields(); ++f) {
-            out += table.getStringField(f, "<null>");
-            out += '|';
-        }
-        out += '\n';
-    }
-    return out;
-}
-
-std::string DumpEngine(sqlite3* db, const char* sql) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-        return "cannot dump";
-    }
-    std::string out;
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-        for (int f = 0; f < sqlite3_column_count(stmt); ++f) {
-            const unsigned char* text = sqlite3_column_text(stmt, f);
-            out += text ? reinterpret_cast<const char*>(text) : "<null>";
-            out += '|';
-        }
-        out += '\n';
-    }
-    sqlite3_finalize(stmt);
-    return out;
-}
 
 // Reads the input as a stream of choices; 0 once it is used up.
 class Choices {
@@ -202,13 +148,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::abort();
     }
     for (int run = 0; run < 3; ++run) {
-        std::string a = ViaLibrary(lib, sql), b = ViaEngine(raw, sql);
+        sameasengine::Outcome a = sameasengine::ViaLibrary(lib, sql);
+        sameasengine::Outcome b = sameasengine::ViaEngine(raw, sql);
         if (a != b) {
-            Differ(sql, a, b);
+            Differ(sql, a.text(), b.text());
         }
     }
     for (const char* dump : kDumps) {
-        std::string a = DumpLibrary(lib, dump), b = DumpEngine(raw, dump);
+        std::string a = sameasengine::DumpLibrary(lib, dump);
+        std::string b = sameasengine::DumpEngine(raw, dump);
         if (a != b) {
             Differ(sql, a, b);
         }

@@ -15,6 +15,7 @@
 
 #include "CBBSQL.h"
 #include "PlatformSim.h"
+#include "SameAsEngine.h"
 #include "TestUtil.h"
 
 namespace {
@@ -138,87 +139,16 @@ TEST(SplitInsertTest, AnythingElseRunsAsWritten) {
 
 // --- Same result as the engine's own run of the text --------------------------------
 
-// What running one text did: the error (code and message) or the changed rows.
-struct Outcome {
-    bool ok = true;
-    int code = 0;
-    std::string message;
-    int changes = 0;
-
-    bool operator==(const Outcome& o) const {
-        return ok == o.ok && code == o.code && message == o.message && changes == o.changes;
-    }
-};
-
-std::ostream& operator<<(std::ostream& os, const Outcome& o) {
-    return os << (o.ok ? "ok, changes " + std::to_string(o.changes)
-                       : "error " + std::to_string(o.code) + ": " + o.message);
-}
-
-Outcome ViaLibrary(CppSQLite3DB& db, const std::string& sql) {
-    Outcome out;
-    try {
-        out.changes = db.execDML(sql.c_str());
-    } catch (const CppSQLite3Exception& e) {
-        out.ok = false;
-        out.code = e.errorCode() & 0xff;
-        out.message = e.errorMessage();
-    }
-    return out;
-}
-
-Outcome ViaEngine(sqlite3* db, const std::string& sql) {
-    Outcome out;
-    int before = sqlite3_total_changes(db);
-    char* error = nullptr;
-    int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error);
-    if (rc != SQLITE_OK) {
-        out.ok = false;
-        out.code = rc & 0xff;
-        out.message = error ? error : "";
-    } else {
-        out.changes = sqlite3_total_changes(db) - before;
-    }
-    sqlite3_free(error);
-    return out;
-}
+using sameasengine::DumpEngine;
+using sameasengine::DumpLibrary;
+using sameasengine::Outcome;
+using sameasengine::ViaEngine;
+using sameasengine::ViaLibrary;
 
 const char kDump[] =
     "SELECT rowid, quote(a), typeof(a), quote(b), typeof(b), quote(c), typeof(c), quote(d), "
     "typeof(d), quote(e), typeof(e), quote(f), typeof(f), quote(g), typeof(g) FROM t ORDER BY "
     "rowid";
-
-std::string DumpLibrary(CppSQLite3DB& db, const char* sql) {
-    CBBSQL::CppSQLite3Table table = db.getTable(sql);
-    std::string out;
-    for (int r = 0; r < table.numRows(); ++r) {
-        table.setRow(r);
-        for (int f = 0; f < table.numFields(); ++f) {
-            out += table.getStringField(f, "<null>");
-            out += '|';
-        }
-        out += '\n';
-    }
-    return out;
-}
-
-std::string DumpEngine(sqlite3* db, const char* sql) {
-    sqlite3_stmt* stmt = nullptr;
-    std::string out;
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-        return std::string("prepare failed: ") + sqlite3_errmsg(db);
-    }
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-        for (int f = 0; f < sqlite3_column_count(stmt); ++f) {
-            const unsigned char* text = sqlite3_column_text(stmt, f);
-            out += text ? reinterpret_cast<const char*>(text) : "<null>";
-            out += '|';
-        }
-        out += '\n';
-    }
-    sqlite3_finalize(stmt);
-    return out;
-}
 
 // The library's connection against a plain engine connection, both on a
 // ":memory:" database, every text run on each.
